@@ -1,0 +1,39 @@
+// RAII ownership of FFTW plans and the one lock under which every plan in the program is made
+// and destroyed (FFTW's planner is not thread-safe; executing a plan is).
+#pragma once
+
+#include <fftw3.h>
+
+#include <memory>
+#include <mutex>
+
+namespace marlith {
+
+// The lock that guards FFTW's planner, shared by every subsystem that makes plans.
+std::mutex& FftwPlannerMutex();
+
+struct FftwPlanDeleter {
+  void operator()(fftw_plan_s* plan) const;  // destroys under FftwPlannerMutex()
+};
+using FftwPlan = std::unique_ptr<fftw_plan_s, FftwPlanDeleter>;
+
+// Wraps a plan made by the caller (who holds FftwPlannerMutex() while making it); throws
+// marlith::Error naming what when FFTW returned no plan.
+FftwPlan AdoptFftwPlan(fftw_plan plan, const char* what);
+
+// FFTW-aligned storage for transform buffers.
+struct FftwFreeDeleter {
+  void operator()(void* p) const { fftw_free(p); }
+};
+template <typename T>
+using FftwBuffer = std::unique_ptr<T[], FftwFreeDeleter>;
+
+// Allocates count values of T with fftw_malloc; throws std::bad_alloc on failure.
+template <typename T>
+FftwBuffer<T> AllocateFftwBuffer(size_t count) {
+  void* p = fftw_malloc(sizeof(T) * (count ? count : 1));
+  if (!p) throw std::bad_alloc();
+  return FftwBuffer<T>(static_cast<T*>(p));
+}
+
+}  // namespace marlith
