@@ -7,7 +7,11 @@
 namespace marlith {
 
 std::mutex& FftwPlannerMutex() {
+  // FFTW's thread support is switched on once, before the first plan; plans then choose their
+  // own thread count with fftw_plan_with_nthreads under this lock.
   static std::mutex mutex;
+  static const bool threadsReady = fftw_init_threads() != 0;
+  (void)threadsReady;
   return mutex;
 }
 

@@ -124,12 +124,13 @@ void ExtendToEvenSize(EvenSizeWork& work) {
       std::copy_n(src + static_cast<size_t>(y) * w, w, row);
       if (W != w) row[w] = row[w - 1];
     }
-    if (H != h) std::copy_n(dst + static_cast<size_t>(h - 1) * W, W, dst + static_cast<size_t>(h) * W);
+    if (H != h)
+      std::copy_n(dst + static_cast<size_t>(h - 1) * W, W, dst + static_cast<size_t>(h) * W);
   }
 }
 
-void CropCenteredBack(std::span<const double> workPlanes, int workWidth, int workHeight,
-                      int width, int height, int channels, std::span<double> output) {
+void CropCenteredBack(std::span<const double> workPlanes, int workWidth, int workHeight, int width,
+                      int height, int channels, std::span<double> output) {
   const int x0 = (workWidth - width) / 2;
   const int y0 = (workHeight - height) / 2;
   const size_t workPlane = static_cast<size_t>(workWidth) * workHeight;

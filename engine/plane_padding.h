@@ -68,7 +68,7 @@ void ExtendToEvenSize(EvenSizeWork& work);
 // Copies, per channel, the centred width x height region of a workWidth x workHeight plane
 // (starting at row (workHeight - height) / 2, column (workWidth - width) / 2) into output, the
 // channel regions stored one after another. output holds channels x width x height values.
-void CropCenteredBack(std::span<const double> workPlanes, int workWidth, int workHeight,
-                      int width, int height, int channels, std::span<double> output);
+void CropCenteredBack(std::span<const double> workPlanes, int workWidth, int workHeight, int width,
+                      int height, int channels, std::span<double> output);
 
 }  // namespace marlith

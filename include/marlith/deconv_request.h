@@ -14,9 +14,9 @@ extern "C" {
  * output: same shape as input, written by the engine.
  * kernel: kernelHeight x kernelWidth doubles, row-major. */
 typedef struct DeconvRequest {
-  double* input;
+  const double* input;
   double* output;
-  double* kernel;
+  const double* kernel;
   int32_t width;
   int32_t height;
   int32_t channels; /* 1 (grey) or 3 (red, green, blue planes in that order) */

@@ -1,0 +1,35 @@
+// The single door into the deconvolution engine.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "marlith/deconv_request.h"
+
+namespace marlith {
+
+// Engine variants.
+enum EngineVariant : int32_t {
+  kFrequencySolverVariant = 1,   // deconvolve every channel with the given kernel
+  kKernelRefinementVariant = 2,  // deconvolve twice, re-fitting the kernel in between
+};
+
+// A kernel as the solvers receive it: trimmed, corrected when recognised, zero-bordered.
+struct PreparedKernel {
+  std::vector<double> values;
+  int width = 0;
+  int height = 0;
+};
+
+// Trims the kernel to its support, blends in the stored correction when it matches the
+// reference kernel, and surrounds it with a one-sample zero border. Throws marlith::Error for a
+// kernel that holds a value that is not finite or has no positive value.
+PreparedKernel PrepareKernel(std::span<const double> kernel, int width, int height);
+
+// Checks the request's sizes and pointers (throws marlith::Error naming the fault), prepares
+// its kernel and runs the chosen variant on a private copy; the solver writes request.output.
+// Any other variant runs no solver and leaves the output planes as they are. Returns 0.
+int32_t RunDeconvEngine(const DeconvRequest& request, int32_t variant);
+
+}  // namespace marlith

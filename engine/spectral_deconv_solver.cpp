@@ -1,0 +1,330 @@
+#include "engine/spectral_deconv_solver.h"
+
+#include <algorithm>
+#include <cassert>
+#include <cmath>
+#include <string>
+
+#include "engine/plane_padding.h"
+#include "marlith/error.hpp"
+
+namespace marlith {
+
+void ConjugateSpectrum(std::span<const Complex> source, std::span<Complex> destination) {
+  for (size_t i = 0; i < source.size(); ++i) destination[i] = std::conj(source[i]);
+}
+
+void SquaredMagnitudes(std::span<const Complex> source, std::span<double> destination) {
+  for (size_t i = 0; i < source.size(); ++i) {
+    destination[i] = source[i].real() * source[i].real() + source[i].imag() * source[i].imag();
+  }
+}
+
+void SumSquaredMagnitudes(std::span<const Complex> a, std::span<const Complex> b,
+                          std::span<double> destination) {
+  for (size_t i = 0; i < a.size(); ++i) {
+    destination[i] = a[i].real() * a[i].real() + a[i].imag() * a[i].imag() +
+                     (b[i].real() * b[i].real() + b[i].imag() * b[i].imag());
+  }
+}
+
+void MultiplySpectra(std::span<const Complex> a, std::span<const Complex> b,
+                     std::span<Complex> destination) {
+  for (size_t i = 0; i < a.size(); ++i) {
+    const double re = a[i].real() * b[i].real() - a[i].imag() * b[i].imag();
+    const double im = a[i].real() * b[i].imag() + a[i].imag() * b[i].real();
+    destination[i] = Complex(re, im);
+  }
+}
+
+void CircularShiftHalf(std::span<const double> source, std::span<double> destination, int width,
+                       int height) {
+  const size_t n = static_cast<size_t>(width) * height;
+  assert(source.size() >= n && destination.size() >= n);
+  std::vector<double> scratch(n);
+  const int halfW = width / 2, halfH = height / 2;
+  const int firstPart = width - halfW;  // ceil(W / 2) values go to columns halfW onward
+  for (int r = 0; r < height; ++r) {
+    const double* src = source.data() + static_cast<size_t>(r) * width;
+    double* dst = scratch.data() + static_cast<size_t>((r + halfH) % height) * width;
+    std::copy_n(src, firstPart, dst + halfW);
+    std::copy_n(src + firstPart, halfW, dst);
+  }
+  std::copy(scratch.begin(), scratch.end(), destination.begin());
+}
+
+double PiecewisePriorShrink(double g, double d, double m, double t, double s, double k, double a,
+                            double b, double l) {
+  const double v = s * m * d + g;
+  const double e = s * m + 1.0;
+  double x1;
+  if (v < 0.0) {
+    x1 = (v + t * k) / e;
+    if (x1 <= -l) x1 = -l;
+    if (x1 > 0.0) x1 = 0.0;
+  } else {
+    x1 = (v - t * k) / e;
+    if (x1 < 0.0) x1 = 0.0;
+    if (x1 >= l) x1 = l;
+  }
+  double x2 = v / (2.0 * a + e);
+  if (v < 0.0) {
+    if (x2 > -l) x2 = -l;
+  } else {
+    if (x2 < l) x2 = l;
+  }
+  const double e1 = (x1 - g) * (x1 - g) + t * k * std::fabs(x1) + s * m * (x1 - d) * (x1 - d);
+  const double e2 = (x2 - g) * (x2 - g) + s * m * (x2 - d) * (x2 - d) + t * (a * x2 * x2 + b);
+  return e2 < e1 ? x2 : x1;
+}
+
+namespace {
+
+// Forward differences with wrap-around: gx(x, y) = p(x + 1, y) - p(x, y), gy likewise down.
+void ForwardDifferences(const double* p, int W, int H, double* gx, double* gy) {
+  for (int y = 0; y < H; ++y) {
+    const double* row = p + static_cast<size_t>(y) * W;
+    const double* below = p + static_cast<size_t>(y + 1 == H ? 0 : y + 1) * W;
+    double* gxRow = gx + static_cast<size_t>(y) * W;
+    double* gyRow = gy + static_cast<size_t>(y) * W;
+    for (int x = 0; x + 1 < W; ++x) gxRow[x] = row[x + 1] - row[x];
+    gxRow[W - 1] = row[0] - row[W - 1];
+    for (int x = 0; x < W; ++x) gyRow[x] = below[x] - row[x];
+  }
+}
+
+}  // namespace
+
+SpectralDeconvSolver::~SpectralDeconvSolver() = default;
+
+int SpectralDeconvSolver::Setup(const double* imagePlane, int width, int height, uint32_t options,
+                                int threads) {
+  imagePlane_ = imagePlane;
+  width_ = width;
+  height_ = height;
+  options_ = options;
+  planeSize_ = static_cast<size_t>(width) * height;
+  spectrumSize_ = HalfSpectrumSize(width, height);
+  outputPlane_.assign(planeSize_, 0.0);
+  forwardTransform_ =
+      std::make_unique<SpectralTransform>(width, height, SpectralTransform::kForward, threads);
+  inverseTransform_ =
+      std::make_unique<SpectralTransform>(width, height, SpectralTransform::kInverse, threads);
+  ResetDefaults();
+  PrecomputeGradientSpectra();
+  return 0;
+}
+
+void SpectralDeconvSolver::ResetDefaults() {
+  iterationBudget = 50;
+  tolerance = 0.0005;
+  betaCap = 1048576.0;
+  betaStart = 1.0;
+  betaFactor = 2.0;
+}
+
+void SpectralDeconvSolver::PrecomputeGradientSpectra() {
+  auto filterSpectrum = [&](std::vector<double> filter) {
+    CircularShiftHalf(filter, filter, width_, height_);
+    auto plane = AllocateFftwBuffer<double>(planeSize_);
+    std::copy(filter.begin(), filter.end(), plane.get());
+    auto spectrum = AllocateFftwBuffer<Complex>(spectrumSize_);
+    forwardTransform_->Forward(plane.get(), spectrum.get());
+    return spectrum;
+  };
+  auto dx = filterSpectrum(MakeDxFilter(width_, height_));
+  conjDx_ = AllocateFftwBuffer<Complex>(spectrumSize_);
+  ConjugateSpectrum({dx.get(), spectrumSize_}, {conjDx_.get(), spectrumSize_});
+  auto dy = filterSpectrum(MakeDyFilter(width_, height_));
+  conjDy_ = AllocateFftwBuffer<Complex>(spectrumSize_);
+  ConjugateSpectrum({dy.get(), spectrumSize_}, {conjDy_.get(), spectrumSize_});
+  gradientPower_.assign(spectrumSize_, 0.0);
+  SumSquaredMagnitudes({dx.get(), spectrumSize_}, {dy.get(), spectrumSize_}, gradientPower_);
+
+  imageSpectrum_ = AllocateFftwBuffer<Complex>(spectrumSize_);
+  std::fill_n(imageSpectrum_.get(), spectrumSize_, Complex(0.0, 0.0));
+  if (imagePlane_) forwardTransform_->Forward(imagePlane_, imageSpectrum_.get());
+  numerator_ = AllocateFftwBuffer<Complex>(spectrumSize_);
+  conjKernel_ = AllocateFftwBuffer<Complex>(spectrumSize_);
+  std::fill_n(numerator_.get(), spectrumSize_, Complex(0.0, 0.0));
+  std::fill_n(conjKernel_.get(), spectrumSize_, Complex(0.0, 0.0));
+  kernelPower_.assign(spectrumSize_, 0.0);
+}
+
+int SpectralDeconvSolver::SetKernel(std::span<const double> kernel, int kernelWidth,
+                                    int kernelHeight) {
+  if (kernelWidth > width_ || kernelHeight > height_) {
+    throw Error("the kernel (" + std::to_string(kernelWidth) + " x " +
+                std::to_string(kernelHeight) + " after trimming) is larger than the image (" +
+                std::to_string(width_) + " x " + std::to_string(height_) + ")");
+  }
+  kernelCopy_.assign(kernel.begin(),
+                     kernel.begin() + static_cast<size_t>(kernelWidth) * kernelHeight);
+  kernelWidth_ = kernelWidth;
+  kernelHeight_ = kernelHeight;
+  std::vector<double> centred = (kernelWidth < width_ || kernelHeight < height_)
+                                    ? PadCenteredUp(std::span<const double>(kernelCopy_),
+                                                    kernelWidth, kernelHeight, width_, height_)
+                                    : kernelCopy_;
+  auto plane = AllocateFftwBuffer<double>(planeSize_);
+  CircularShiftHalf(centred, {plane.get(), planeSize_}, width_, height_);
+  // K is kept in the numerator's storage until the products below are formed.
+  Complex* k = numerator_.get();
+  forwardTransform_->Forward(plane.get(), k);
+  std::fill(kernelPower_.begin(), kernelPower_.end(), 0.0);
+  SquaredMagnitudes({k, spectrumSize_}, kernelPower_);
+  ConjugateSpectrum({k, spectrumSize_}, {conjKernel_.get(), spectrumSize_});
+  MultiplySpectra({conjKernel_.get(), spectrumSize_}, {imageSpectrum_.get(), spectrumSize_},
+                  {numerator_.get(), spectrumSize_});
+  return 0;
+}
+
+void SpectralDeconvSolver::SetImage(const double* plane) {
+  imagePlane_ = plane;
+  ComputeReferenceGradients();
+  forwardTransform_->Forward(plane, imageSpectrum_.get());
+  MultiplySpectra({conjKernel_.get(), spectrumSize_}, {imageSpectrum_.get(), spectrumSize_},
+                  {numerator_.get(), spectrumSize_});
+}
+
+void SpectralDeconvSolver::ComputeReferenceGradients() {
+  refGradX_.resize(planeSize_);
+  refGradY_.resize(planeSize_);
+  ForwardDifferences(imagePlane_, width_, height_, refGradX_.data(), refGradY_.data());
+}
+
+void SpectralDeconvSolver::SetLocalPrior(std::span<const double> mask, double weight) {
+  smoothMask_.assign(mask.begin(), mask.begin() + planeSize_);
+  localPriorWeight = weight;
+}
+
+int SpectralDeconvSolver::SetIterationSettings(double weight, uint32_t windowWidth,
+                                               uint32_t windowHeight, double threshold,
+                                               uint32_t count) {
+  localPriorWeight = weight;
+  smoothWindowWidth = windowWidth;
+  smoothWindowHeight = windowHeight;
+  smoothThreshold = threshold;
+  smoothCount = count;
+  // The smooth-region detector that would fill this plane is not part of the solver: a zero
+  // plane switches the local prior off, which is what a freshly obtained block holds.
+  if (smoothMask_.empty()) smoothMask_.assign(planeSize_, 0.0);
+  return 0;
+}
+
+int SpectralDeconvSolver::SetPriorShape(double a, double l, double k) {
+  priorCurvature = a;
+  priorThreshold = l;
+  priorSlope = k;
+  priorOffset = k * l - l * (a * l);
+  return 0;
+}
+
+int SpectralDeconvSolver::PrepareWeights(uint32_t setting) {
+  preparationSetting = setting;
+  unitWeights_.assign(spectrumSize_, 1.0);
+  weightedKernelPower_.resize(spectrumSize_);
+  for (size_t i = 0; i < spectrumSize_; ++i)
+    weightedKernelPower_[i] = kernelPower_[i] * unitWeights_[i];
+  weightedNumerator_ = AllocateFftwBuffer<Complex>(spectrumSize_);
+  for (size_t i = 0; i < spectrumSize_; ++i) {
+    weightedNumerator_[i] =
+        Complex(numerator_[i].real() * unitWeights_[i], numerator_[i].imag() * unitWeights_[i]);
+  }
+  return 0;
+}
+
+int SpectralDeconvSolver::SolveWithNoise(double noise) {
+  assert(imagePlane_ && weightedNumerator_ && !smoothMask_.empty());
+  if (noise <= 1e-12) noise = 1e-12;
+  const double lambda = 0.05 / noise;
+  betaMax = 100.0 * lambda;
+  if (betaCap < betaMax) betaMax = betaCap;
+  double beta = betaStart;
+
+  const int W = width_, H = height_;
+  const size_t n = planeSize_, nc = spectrumSize_;
+  // Working planes, allocated once per solve. L and the previous L alternate between two
+  // buffers, so keeping the previous estimate costs no copy.
+  auto latentA = AllocateFftwBuffer<double>(n);
+  auto latentB = AllocateFftwBuffer<double>(n);
+  auto psiX = AllocateFftwBuffer<double>(n);
+  auto psiY = AllocateFftwBuffer<double>(n);
+  auto psiXSpectrum = AllocateFftwBuffer<Complex>(nc);
+  auto psiYSpectrum = AllocateFftwBuffer<Complex>(nc);
+  auto latentSpectrum = AllocateFftwBuffer<Complex>(nc);
+  double* latent = latentA.get();
+  double* previous = latentB.get();
+  std::copy_n(imagePlane_, n, latent);
+
+  const double q = localPriorWeight;
+  const double k = priorSlope, a = priorCurvature, b = priorOffset, l = priorThreshold;
+  const double* mask = smoothMask_.data();
+  const double* refX = refGradX_.data();
+  const double* refY = refGradY_.data();
+  const double* gradPower = gradientPower_.data();
+  const double* kernelPower = weightedKernelPower_.data();
+  const Complex* numerator = weightedNumerator_.get();
+  const Complex* cdx = conjDx_.get();
+  const Complex* cdy = conjDy_.get();
+  // The inverse transform's 1 / (W x H) is folded into the spectral division.
+  const double inverseScale = 1.0 / static_cast<double>(n);
+  const unsigned maxInner = iterationBudget / 2;
+  lastSolve = SolveStats{};
+
+  while (beta <= betaMax) {
+    const double gamma = beta / lambda;
+    const double t = 1.0 / beta;
+    const double s = q / beta;
+    const double threshold = (betaMax / beta) * (betaMax / beta) * tolerance;
+    unsigned round = 0;
+    double ratio;
+    do {
+      // Auxiliary gradients from the current estimate's forward differences.
+      for (int y = 0; y < H; ++y) {
+        const size_t row = static_cast<size_t>(y) * W;
+        const double* cur = latent + row;
+        const double* below = latent + static_cast<size_t>(y + 1 == H ? 0 : y + 1) * W;
+        for (int x = 0; x < W; ++x) {
+          const size_t i = row + x;
+          const double gx = (x + 1 == W ? cur[0] : cur[x + 1]) - cur[x];
+          const double gy = below[x] - cur[x];
+          psiX[i] = PiecewisePriorShrink(gx, refX[i], mask[i], t, s, k, a, b, l);
+          psiY[i] = PiecewisePriorShrink(gy, refY[i], mask[i], t, s, k, a, b, l);
+        }
+      }
+      std::swap(latent, previous);
+      forwardTransform_->Forward(psiX.get(), psiXSpectrum.get());
+      forwardTransform_->Forward(psiY.get(), psiYSpectrum.get());
+      // L^ = (gamma (conj(Dx) Psix^ + conj(Dy) Psiy^) + weighted numerator) / D,
+      // D = gamma |D|^2 + weighted |K|^2.
+      for (size_t i = 0; i < nc; ++i) {
+        const Complex px = psiXSpectrum[i], py = psiYSpectrum[i];
+        const double sumRe = cdx[i].real() * px.real() - cdx[i].imag() * px.imag() +
+                             (cdy[i].real() * py.real() - cdy[i].imag() * py.imag());
+        const double sumIm = cdx[i].real() * px.imag() + cdx[i].imag() * px.real() +
+                             (cdy[i].real() * py.imag() + cdy[i].imag() * py.real());
+        const double denominator = gamma * gradPower[i] + kernelPower[i];
+        const double scale = inverseScale / denominator;
+        latentSpectrum[i] = Complex((gamma * sumRe + numerator[i].real()) * scale,
+                                    (gamma * sumIm + numerator[i].imag()) * scale);
+      }
+      inverseTransform_->InverseUnscaled(latentSpectrum.get(), latent);
+      double change = 0.0, norm = 0.0;
+      for (size_t i = 0; i < n; ++i) {
+        const double d = latent[i] - previous[i];
+        change += d * d;
+        norm += latent[i] * latent[i];
+      }
+      ratio = std::sqrt(change) / std::sqrt(norm);
+      ++round;
+    } while (ratio >= threshold && round < maxInner);
+    beta *= betaFactor;
+    ++lastSolve.outerRounds;
+    lastSolve.innerRounds += static_cast<int>(round);
+  }
+  std::copy_n(latent, n, outputPlane_.begin());
+  return 0;
+}
+
+}  // namespace marlith
