@@ -113,7 +113,9 @@ PreparedKernel PrepareKernel(std::span<const double> kernel, int width, int heig
   double maximum = 0.0;
   for (double v : kernel.first(count)) {
     if (!std::isfinite(v)) {
-      throw Error("the kernel holds a value that is not a finite number");
+      throw Error(
+          "the kernel holds a value that is not a finite number (an all-black kernel image gives "
+          "one)");
     }
     maximum = std::max(maximum, v);
   }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <chrono>
 #include <cmath>
 #include <string>
 
@@ -279,6 +280,7 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
     const double threshold = (betaMax / beta) * (betaMax / beta) * tolerance;
     unsigned round = 0;
     double ratio;
+    const auto roundsStart = std::chrono::steady_clock::now();
     do {
       // Auxiliary gradients from the current estimate's forward differences.
       for (int y = 0; y < H; ++y) {
@@ -319,6 +321,8 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
       ratio = std::sqrt(change) / std::sqrt(norm);
       ++round;
     } while (ratio >= threshold && round < maxInner);
+    lastSolve.innerSeconds +=
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - roundsStart).count();
     beta *= betaFactor;
     ++lastSolve.outerRounds;
     lastSolve.innerRounds += static_cast<int>(round);

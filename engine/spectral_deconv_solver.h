@@ -57,6 +57,7 @@ class DeconvSolver {
   struct SolveStats {
     int outerRounds = 0;
     int innerRounds = 0;
+    double innerSeconds = 0.0;  // wall time spent in inner rounds
   };
   SolveStats lastSolve;
 };

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
 #include <span>
 #include <string>
 #include <vector>
@@ -12,5 +13,38 @@ namespace marlith::test {
 // (width - 2 margin) x (height - 2 margin) interior of each channel.
 double Psnr(std::span<const double> a, std::span<const double> b, int width, int height,
             int channels = 1, int margin = 0);
+
+// What a finished process left behind.
+struct ProcessResult {
+  int exitCode = -1;  // 0..255, or -1 when it did not exit normally (signal)
+  std::string out;
+  std::string err;
+};
+
+// Runs program with args (no shell), in the current directory, with a timeout in seconds.
+ProcessResult RunProcess(const std::string& program, const std::vector<std::string>& args,
+                         int timeoutSeconds = 120);
+
+// The marlith executable under test (MARLITH_EXE) and the source tree (MARLITH_SOURCE_DIR).
+std::string MarlithExe();
+std::filesystem::path SourceDir();
+
+// A fresh empty folder, removed with its contents when the object goes.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::filesystem::path& path() const { return path_; }
+  std::string operator/(const std::string& name) const { return (path_ / name).string(); }
+
+ private:
+  std::filesystem::path path_;
+};
+
+// The bytes of a file ("" when it cannot be read).
+std::string ReadFileBytes(const std::filesystem::path& path);
+void WriteFileBytes(const std::filesystem::path& path, const std::string& bytes);
 
 }  // namespace marlith::test

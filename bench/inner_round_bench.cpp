@@ -1,0 +1,64 @@
+// Time of one inner round of the half-quadratic solve against the three transforms it must do
+// (two forward, one inverse; same size, same library, same threads): their ratio is the
+// solver's distance from the transform-bound limit.
+// Usage: inner_round_bench [width] [height] [threads]
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <random>
+#include <vector>
+
+#include "engine/plane_padding.h"
+#include "engine/spectral_deconv_solver.h"
+
+int main(int argc, char** argv) {
+  using namespace marlith;
+  const int W = argc > 1 ? std::atoi(argv[1]) : 1000;
+  const int H = argc > 2 ? std::atoi(argv[2]) : 1000;
+  const int threads = argc > 3 ? std::atoi(argv[3]) : 1;
+  const size_t n = static_cast<size_t>(W) * H;
+
+  std::mt19937 rng(1);
+  std::uniform_real_distribution<double> u(0.0, 1.0);
+  std::vector<double> image(n);
+  for (double& v : image) v = u(rng);
+
+  SpectralDeconvSolver solver;
+  solver.Setup(nullptr, W, H, 0, threads);
+  solver.SetKernel(MakeGaussianKernel(15, 15, 3.0), 15, 15);
+  solver.SetIterationSettings(20.0, 15, 15, 0.000144, 9);
+  solver.SetPriorShape(0.0001, 0.5, 1.0);
+  solver.SetImage(image.data());
+  solver.PrepareWeights(129);
+  solver.iterationBudget = 50;
+  const auto solveStart = std::chrono::steady_clock::now();
+  solver.SolveWithNoise(0.0005);
+  const double solveSeconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - solveStart).count();
+  const double round = solver.lastSolve.innerSeconds / solver.lastSolve.innerRounds;
+
+  // The same three transforms on the same kind of buffers, best of several repetitions.
+  SpectralTransform forward(W, H, SpectralTransform::kForward, threads);
+  SpectralTransform inverse(W, H, SpectralTransform::kInverse, threads);
+  auto a = AllocateFftwBuffer<double>(n), b = AllocateFftwBuffer<double>(n);
+  auto sa = AllocateFftwBuffer<Complex>(HalfSpectrumSize(W, H));
+  auto sb = AllocateFftwBuffer<Complex>(HalfSpectrumSize(W, H));
+  std::copy(image.begin(), image.end(), a.get());
+  std::copy(image.begin(), image.end(), b.get());
+  double best = 1e300;
+  for (int rep = 0; rep < 15; ++rep) {
+    const auto t0 = std::chrono::steady_clock::now();
+    forward.Forward(a.get(), sa.get());
+    forward.Forward(b.get(), sb.get());
+    inverse.InverseUnscaled(sa.get(), a.get());
+    best = std::min(best,
+                    std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count());
+    std::copy(image.begin(), image.end(), a.get());
+  }
+  std::printf("size %d x %d, threads %d\n", W, H, threads);
+  std::printf("solve: %.3f s, %d beta rounds, %d inner rounds\n", solveSeconds,
+              solver.lastSolve.outerRounds, solver.lastSolve.innerRounds);
+  std::printf("inner round: %.2f ms; three transforms: %.2f ms; ratio %.3f\n", round * 1e3,
+              best * 1e3, round / best);
+  return 0;
+}

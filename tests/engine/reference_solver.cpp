@@ -1,0 +1,120 @@
+#include "reference_solver.h"
+
+#include <fftw3.h>
+
+#include <cmath>
+#include <complex>
+
+namespace marlith::test {
+namespace {
+
+using Spectrum = std::vector<std::complex<double>>;
+
+Spectrum Transform(const Spectrum& in, int W, int H, int sign) {
+  Spectrum out(in.size());
+  fftw_plan plan = fftw_plan_dft_2d(
+      H, W, reinterpret_cast<fftw_complex*>(const_cast<std::complex<double>*>(in.data())),
+      reinterpret_cast<fftw_complex*>(out.data()), sign, FFTW_ESTIMATE);
+  fftw_execute(plan);
+  fftw_destroy_plan(plan);
+  return out;
+}
+
+Spectrum Forward(const std::vector<double>& plane, int W, int H) {
+  return Transform(Spectrum(plane.begin(), plane.end()), W, H, FFTW_FORWARD);
+}
+
+std::vector<double> Inverse(const Spectrum& s, int W, int H) {
+  const Spectrum t = Transform(s, W, H, FFTW_BACKWARD);
+  std::vector<double> out(t.size());
+  for (size_t i = 0; i < t.size(); ++i) out[i] = t[i].real() / (static_cast<double>(W) * H);
+  return out;
+}
+
+// A kw x kh filter placed with its tap (kw/2, kh/2) at the origin, wrapping around.
+std::vector<double> AtOrigin(const std::vector<double>& k, int kw, int kh, int W, int H) {
+  std::vector<double> p(static_cast<size_t>(W) * H, 0.0);
+  for (int y = 0; y < kh; ++y)
+    for (int x = 0; x < kw; ++x) {
+      const int px = ((x - kw / 2) % W + W) % W, py = ((y - kh / 2) % H + H) % H;
+      p[static_cast<size_t>(py) * W + px] += k[static_cast<size_t>(y) * kw + x];
+    }
+  return p;
+}
+
+double Shrink(double g, double d, double m, double t, double s) {
+  const double k = 1.0, a = 0.0001, l = 0.5, b = k * l - l * (a * l);
+  const double v = s * m * d + g, e = s * m + 1.0;
+  double x1 = v < 0 ? (v + t * k) / e : (v - t * k) / e;
+  if (v < 0)
+    x1 = std::min(0.0, std::max(-l, x1));
+  else
+    x1 = std::max(0.0, std::min(l, x1));
+  double x2 = v / (2 * a + e);
+  if (v < 0 && x2 > -l) x2 = -l;
+  if (v >= 0 && x2 < l) x2 = l;
+  const double e1 = (x1 - g) * (x1 - g) + t * k * std::fabs(x1) + s * m * (x1 - d) * (x1 - d);
+  const double e2 = (x2 - g) * (x2 - g) + s * m * (x2 - d) * (x2 - d) + t * (a * x2 * x2 + b);
+  return e2 < e1 ? x2 : x1;
+}
+
+void Gradients(const std::vector<double>& p, int W, int H, std::vector<double>& gx,
+               std::vector<double>& gy) {
+  for (int y = 0; y < H; ++y)
+    for (int x = 0; x < W; ++x) {
+      const size_t i = static_cast<size_t>(y) * W + x;
+      gx[i] = p[static_cast<size_t>(y) * W + (x + 1) % W] - p[i];
+      gy[i] = p[static_cast<size_t>((y + 1) % H) * W + x] - p[i];
+    }
+}
+
+}  // namespace
+
+std::vector<double> ReferenceSolve(const std::vector<double>& observed, int W, int H,
+                                   const std::vector<double>& kernel, int kw, int kh,
+                                   const ReferenceSettings& settings) {
+  const size_t n = static_cast<size_t>(W) * H;
+  // Forward differences as filters: dx * p = p(x + 1) - p(x).
+  const Spectrum dx = Forward(AtOrigin({1.0, -1.0}, 2, 1, W, H), W, H);  // -1 at 0, 1 at -1
+  const Spectrum dy = Forward(AtOrigin({1.0, -1.0}, 1, 2, W, H), W, H);
+  const Spectrum k = Forward(AtOrigin(kernel, kw, kh, W, H), W, H);
+  const Spectrum y = Forward(observed, W, H);
+  const std::vector<double> mask =
+      settings.mask.empty() ? std::vector<double>(n, 0.0) : settings.mask;
+  std::vector<double> refX(n), refY(n);
+  Gradients(observed, W, H, refX, refY);
+
+  double noise = settings.noise <= 1e-12 ? 1e-12 : settings.noise;
+  const double lambda = 0.05 / noise;
+  const double betaMax = std::min(1048576.0, 100.0 * lambda);
+  std::vector<double> L = observed, gx(n), gy(n), px(n), py(n);
+  for (double beta = 1.0; beta <= betaMax; beta *= 2.0) {
+    const double gamma = beta / lambda, t = 1.0 / beta, s = settings.localPriorWeight / beta;
+    const double threshold = (betaMax / beta) * (betaMax / beta) * 0.0005;
+    for (int round = 1; round <= 25; ++round) {
+      Gradients(L, W, H, gx, gy);
+      for (size_t i = 0; i < n; ++i) {
+        px[i] = Shrink(gx[i], refX[i], mask[i], t, s);
+        py[i] = Shrink(gy[i], refY[i], mask[i], t, s);
+      }
+      const std::vector<double> previous = L;
+      const Spectrum sx = Forward(px, W, H), sy = Forward(py, W, H);
+      Spectrum l(n);
+      for (size_t i = 0; i < n; ++i) {
+        const std::complex<double> s = std::conj(dx[i]) * sx[i] + std::conj(dy[i]) * sy[i];
+        const double d = gamma * std::norm(dx[i]) + gamma * std::norm(dy[i]) + std::norm(k[i]);
+        l[i] = (gamma * s + std::conj(k[i]) * y[i]) / d;
+      }
+      L = Inverse(l, W, H);
+      double change = 0.0, norm = 0.0;
+      for (size_t i = 0; i < n; ++i) {
+        change += (L[i] - previous[i]) * (L[i] - previous[i]);
+        norm += L[i] * L[i];
+      }
+      if (!(std::sqrt(change) / std::sqrt(norm) >= threshold)) break;
+    }
+  }
+  return L;
+}
+
+}  // namespace marlith::test
