@@ -85,6 +85,15 @@ void ValidateRequest(const DeconvRequest& request) {
     if (value < 1)
       throw Error(std::string(what) + " must be at least 1, not " + std::to_string(value));
   };
+  // Infinite or undefined settings would turn every sample into NaN or skip the solve
+  // silently; they are refused instead.
+  if (!std::isfinite(request.noise)) {
+    throw Error("the noise strength must be a finite number, not " + std::to_string(request.noise));
+  }
+  if (!std::isfinite(request.localPriorWeight)) {
+    throw Error("the local prior weight must be a finite number, not " +
+                std::to_string(request.localPriorWeight));
+  }
   positive("image width", request.width);
   positive("image height", request.height);
   positive("channel count", request.channels);

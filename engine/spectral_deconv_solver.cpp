@@ -94,6 +94,46 @@ void ForwardDifferences(const double* p, int W, int H, double* gx, double* gy) {
   }
 }
 
+struct PriorShape {
+  double k, a, b, l;
+};
+
+// One row of auxiliary gradients with the local prior: the general per-pixel rule.
+void ShrinkRowWithLocalPrior(const double* cur, const double* below, const double* refX,
+                             const double* refY, const double* mask, int W, double t, double s,
+                             const PriorShape& p, double* psiX, double* psiY) {
+  for (int x = 0; x < W; ++x) {
+    const double gx = (x + 1 == W ? cur[0] : cur[x + 1]) - cur[x];
+    const double gy = below[x] - cur[x];
+    psiX[x] = PiecewisePriorShrink(gx, refX[x], mask[x], t, s, p.k, p.a, p.b, p.l);
+    psiY[x] = PiecewisePriorShrink(gy, refY[x], mask[x], t, s, p.k, p.a, p.b, p.l);
+  }
+}
+
+// The per-pixel rule with s m = 0 (v = g, e = 1), written branch-free so that it vectorises;
+// every operation that remains is the one the general rule performs, in the same order.
+inline double ShrinkPlain(double g, double t, const PriorShape& p) {
+  const double tk = t * p.k;
+  const bool negative = g < 0.0;
+  double x1 = negative ? g + tk : g - tk;
+  x1 = negative ? std::min(std::max(x1, -p.l), 0.0) : std::min(std::max(x1, 0.0), p.l);
+  double x2 = g / (2.0 * p.a + 1.0);
+  x2 = negative ? std::min(x2, -p.l) : std::max(x2, p.l);
+  const double e1 = (x1 - g) * (x1 - g) + t * p.k * std::fabs(x1);
+  const double e2 = (x2 - g) * (x2 - g) + t * (p.a * x2 * x2 + p.b);
+  return e2 < e1 ? x2 : x1;
+}
+
+void ShrinkRow(const double* cur, const double* below, int W, double t, const PriorShape& p,
+               double* psiX, double* psiY) {
+  for (int x = 0; x + 1 < W; ++x) {
+    psiX[x] = ShrinkPlain(cur[x + 1] - cur[x], t, p);
+    psiY[x] = ShrinkPlain(below[x] - cur[x], t, p);
+  }
+  psiX[W - 1] = ShrinkPlain(cur[0] - cur[W - 1], t, p);
+  psiY[W - 1] = ShrinkPlain(below[W - 1] - cur[W - 1], t, p);
+}
+
 }  // namespace
 
 SpectralDeconvSolver::~SpectralDeconvSolver() = default;
@@ -259,7 +299,11 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
   std::copy_n(imagePlane_, n, latent);
 
   const double q = localPriorWeight;
-  const double k = priorSlope, a = priorCurvature, b = priorOffset, l = priorThreshold;
+  const PriorShape shape{priorSlope, priorCurvature, priorOffset, priorThreshold};
+  // With a zero weight or a zero weight plane the local prior's terms are exact zeros, and the
+  // cheaper row routine gives bit-identical results.
+  const bool localPrior = q != 0.0 && std::any_of(smoothMask_.begin(), smoothMask_.end(),
+                                                  [](double m) { return m != 0.0; });
   const double* mask = smoothMask_.data();
   const double* refX = refGradX_.data();
   const double* refY = refGradY_.data();
@@ -285,14 +329,12 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
       // Auxiliary gradients from the current estimate's forward differences.
       for (int y = 0; y < H; ++y) {
         const size_t row = static_cast<size_t>(y) * W;
-        const double* cur = latent + row;
         const double* below = latent + static_cast<size_t>(y + 1 == H ? 0 : y + 1) * W;
-        for (int x = 0; x < W; ++x) {
-          const size_t i = row + x;
-          const double gx = (x + 1 == W ? cur[0] : cur[x + 1]) - cur[x];
-          const double gy = below[x] - cur[x];
-          psiX[i] = PiecewisePriorShrink(gx, refX[i], mask[i], t, s, k, a, b, l);
-          psiY[i] = PiecewisePriorShrink(gy, refY[i], mask[i], t, s, k, a, b, l);
+        if (localPrior) {
+          ShrinkRowWithLocalPrior(latent + row, below, refX + row, refY + row, mask + row, W, t, s,
+                                  shape, psiX.get() + row, psiY.get() + row);
+        } else {
+          ShrinkRow(latent + row, below, W, t, shape, psiX.get() + row, psiY.get() + row);
         }
       }
       std::swap(latent, previous);

@@ -147,7 +147,11 @@ TEST(RunDeconvEngine, RefusesMalformedRequests) {
            [](DeconvRequest& r) { r.width = 0; }, [](DeconvRequest& r) { r.height = -3; },
            [](DeconvRequest& r) { r.channels = 0; }, [](DeconvRequest& r) { r.kernelWidth = 0; },
            [](DeconvRequest& r) { r.width = r.height = 1 << 30; },
-           [](DeconvRequest& r) { r.input = nullptr; }}) {
+           [](DeconvRequest& r) { r.input = nullptr; },
+           [](DeconvRequest& r) { r.noise = std::numeric_limits<double>::infinity(); },
+           [](DeconvRequest& r) { r.noise = std::numeric_limits<double>::quiet_NaN(); },
+           [](DeconvRequest& r) { r.localPriorWeight = std::numeric_limits<double>::quiet_NaN(); },
+           [](DeconvRequest& r) { r.localPriorWeight = -std::numeric_limits<double>::infinity(); }}) {
     DeconvRequest r = good;
     mutate(r);
     EXPECT_THROW(RunDeconvEngine(r, 1), Error);
