@@ -170,7 +170,7 @@ void WriteImagePlanes(const std::string& path, const ImagePlanes& in) {
   InitialiseMagick();
   Magick::Image image(Magick::Geometry(in.width, in.height), Magick::Color(0, 0, 0));
   image.modifyImage();
-  image.type(in.channels == 1 ? Magick::GrayscaleType : Magick::TrueColorType);
+  image.classType(Magick::DirectClass);
   Magick::PixelPacket* pixels = image.getPixels(0, 0, in.width, in.height);
   const size_t planeSize = static_cast<size_t>(in.width) * in.height;
   auto level = [](double v) {
@@ -185,6 +185,8 @@ void WriteImagePlanes(const std::string& path, const ImagePlanes& in) {
     pixels[i].opacity = 0;
   }
   image.syncPixels();
+  // Only now: setting the type earlier would leave a one-colour palette behind the pixels.
+  image.type(in.channels == 1 ? Magick::GrayscaleType : Magick::TrueColorType);
   image.depth(8);
   try {
     image.write(path);

@@ -1,0 +1,91 @@
+#include "image/plane_saving.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "image/image_container.h"
+
+namespace marlith {
+namespace {
+
+// sample x 255 as a byte: negative (and NaN) samples stay black, values above 255 are limited,
+// the rest truncated toward zero (0.999 x 255 = 254.745 gives 254).
+bool SampleByte(double sample, uint8_t& byte) {
+  const double v = sample * 255.0;
+  if (!(v >= 0.0)) return false;
+  byte = static_cast<uint8_t>(static_cast<int>(std::min(v, 255.0)));
+  return true;
+}
+
+SaveResult Finish(CxImage& image, const std::string& path) {
+  SaveResult result;
+  result.ok = image.Save(path, ImageTypeFromName(path));
+  if (!result.ok) result.error = image.GetLastError();
+  image.Destroy();
+  return result;
+}
+
+}  // namespace
+
+int32_t ImageTypeFromName(const std::string& path) {
+  if (path.size() < 4) return kImageTypeUnknown;
+  const std::string last = path.substr(path.size() - 3);
+  if (last == "png") return kImageTypePng;
+  if (last == "jpg") return kImageTypeJpeg;
+  if (last == "bmp") return kImageTypeBmp;
+  // Any other ending is no type we write.
+  return kImageTypeUnknown;
+}
+
+SaveResult SaveGreyPlane(std::span<const double> plane, int32_t width, int32_t height,
+                         const std::string& path, int32_t mode) {
+  CxImage image;
+  if (!image.Create(width, height, 24, 0)) return {false, image.GetLastError()};
+  image.Clear(0);
+  if (mode == 0) {
+    for (int32_t y = 0; y < height; ++y)
+      for (int32_t x = 0; x < width; ++x) {
+        uint8_t b;
+        if (SampleByte(plane[static_cast<size_t>(y) * width + x], b)) {
+          image.SetPixelColor(x, y, PixelColor{b, b, b, 0});
+        }
+      }
+  } else if (mode == 1) {
+    double largest = -1e6, smallest = 1e6;
+    for (double v : plane.first(static_cast<size_t>(width) * height)) {
+      largest = std::max(largest, v);
+      smallest = std::min(smallest, v);
+    }
+    for (int32_t y = 0; y < height; ++y)
+      for (int32_t x = 0; x < width; ++x) {
+        const double v =
+            (plane[static_cast<size_t>(y) * width + x] - smallest) / (largest - smallest) * 255.0;
+        // A constant plane stretches 0 / 0: such pixels (and anything outside the byte range,
+        // which a stretch cannot produce otherwise) are left black rather than converted.
+        if (!(v >= 0.0 && v < 256.0)) continue;
+        const auto b = static_cast<uint8_t>(static_cast<int>(v));
+        image.SetPixelColor(x, y, PixelColor{b, b, b, 0});
+      }
+  }
+  return Finish(image, path);
+}
+
+SaveResult SaveColourPlanes(std::span<const double> planes, int32_t width, int32_t height,
+                            int32_t channels, const std::string& path) {
+  CxImage image;
+  if (!image.Create(width, height, 24, 0)) return {false, image.GetLastError()};
+  image.Clear(0);
+  const size_t planeSize = static_cast<size_t>(width) * height;
+  for (int32_t c = 0; c < std::min(channels, 3); ++c)
+    for (int32_t y = 0; y < height; ++y)
+      for (int32_t x = 0; x < width; ++x) {
+        uint8_t b;
+        if (!SampleByte(planes[c * planeSize + static_cast<size_t>(y) * width + x], b)) continue;
+        PixelColor p = image.GetPixelColor(x, y, false);
+        (c == 0 ? p.red : c == 1 ? p.green : p.blue) = b;
+        image.SetPixelColor(x, y, p);
+      }
+  return Finish(image, path);
+}
+
+}  // namespace marlith

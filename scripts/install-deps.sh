@@ -8,6 +8,7 @@ packages=(
   libfftw3-dev libopenblas-dev libsuitesparse-dev libgraphicsmagick++1-dev
   libgtest-dev
   clang libclang-rt-14-dev
+  graphicsmagick time gnuplot-nox
 )
 
 missing=()

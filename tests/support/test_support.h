@@ -25,9 +25,16 @@ struct ProcessResult {
 ProcessResult RunProcess(const std::string& program, const std::vector<std::string>& args,
                          int timeoutSeconds = 120);
 
-// The marlith executable under test (MARLITH_EXE) and the source tree (MARLITH_SOURCE_DIR).
-std::string MarlithExe();
-std::filesystem::path SourceDir();
+// The marlith executable under test and the source tree: the environment's MARLITH_EXE and
+// MARLITH_SOURCE_DIR when set, else the paths the test executable was built with.
+std::string MarlithExe(const char* builtIn);
+std::filesystem::path SourceDir(const char* builtIn);
+#ifdef MARLITH_EXE
+inline std::string MarlithExe() { return MarlithExe(MARLITH_EXE); }
+#endif
+#ifdef MARLITH_SOURCE_DIR
+inline std::filesystem::path SourceDir() { return SourceDir(MARLITH_SOURCE_DIR); }
+#endif
 
 // A fresh empty folder, removed with its contents when the object goes.
 class TempDir {

@@ -1,0 +1,117 @@
+#include "app/file_mode_run.h"
+
+#include <cstdio>
+#include <exception>
+#include <new>
+#include <vector>
+
+#include "engine/engine_driver.h"
+#include "image/image_container.h"
+#include "image/plane_saving.h"
+#include "marlith/deconv_request.h"
+#include "marlith/error.hpp"
+
+namespace marlith {
+namespace {
+
+// Loads path by the type its name gives (falling back to detection); prints the loader's
+// message and returns false when it cannot.
+bool LoadImage(CxImage& image, const std::string& path) {
+  if (image.Load(path, ImageTypeFromName(path))) return true;
+  std::printf("Cannot load image %s\n", path.c_str());
+  return false;
+}
+
+int32_t RunLoaded(const DeconvFileJob& job, int32_t variant, const CxImage& input,
+                  const CxImage& kernelImage) {
+  const int32_t width = input.GetWidth();
+  const int32_t height = input.GetHeight();
+  // Only a colour image without alpha is solved per channel; palette, grey and images with an
+  // alpha layer are solved as one plane read from the red bytes.
+  const int32_t channels = input.GetColorType() == 2 ? 3 : 1;
+  const int32_t kernelWidth = kernelImage.GetWidth();
+  const int32_t kernelHeight = kernelImage.GetHeight();
+  const size_t planeSize = static_cast<size_t>(width) * height;
+
+  std::vector<double> inputPlanes(planeSize * channels);
+  std::vector<double> outputPlanes(planeSize * channels, 0.0);
+  std::vector<double> kernel(static_cast<size_t>(kernelWidth) * kernelHeight);
+
+  double sum = 0.0;
+  for (int32_t y = 0; y < kernelHeight; ++y) {
+    for (int32_t x = 0; x < kernelWidth; ++x) {
+      const double v = kernelImage.GetPixelColor(x, y, true).red / 255.0;
+      kernel[static_cast<size_t>(y) * kernelWidth + x] = v;
+      sum += v;
+    }
+  }
+  // An all-black kernel gives 0 / 0 here; the engine refuses the non-finite kernel.
+  for (double& v : kernel) v /= sum;
+
+  for (int32_t y = 0; y < height; ++y) {
+    for (int32_t x = 0; x < width; ++x) {
+      const PixelColor p = input.GetPixelColor(x, y, true);
+      const size_t i = static_cast<size_t>(y) * width + x;
+      inputPlanes[i] = p.red / 255.0;
+      if (channels == 3) {
+        inputPlanes[planeSize + i] = p.green / 255.0;
+        inputPlanes[2 * planeSize + i] = p.blue / 255.0;
+      }
+    }
+  }
+
+  DeconvRequest request{};
+  request.input = inputPlanes.data();
+  request.output = outputPlanes.data();
+  request.kernel = kernel.data();
+  request.width = width;
+  request.height = height;
+  request.channels = channels;
+  request.kernelWidth = kernelWidth;
+  request.kernelHeight = kernelHeight;
+  request.noise = job.noise;
+  request.localPriorWeight = job.localPriorWeight;
+  request.boundaryType = job.boundaryType;
+  const int32_t result = RunDeconvEngine(request, variant);
+
+  const SaveResult saved =
+      channels == 3 ? SaveColourPlanes(outputPlanes, width, height, channels, job.outputImageFile)
+                    : SaveGreyPlane(outputPlanes, width, height, job.outputImageFile, 0);
+  if (!saved.ok) std::fprintf(stderr, "Warning: %s\n", saved.error.c_str());
+  return result;
+}
+
+}  // namespace
+
+int32_t RunFileModeEntry(const std::string& inputImageFile, const std::string& kernelFile,
+                         const std::string& outputImageFile, int32_t boundaryType, double noise,
+                         double localPriorWeight) {
+  DeconvFileJob job;
+  job.inputImageFile = inputImageFile;
+  job.kernelFile = kernelFile;
+  job.outputImageFile = outputImageFile;
+  job.noise = noise / 2000.0;
+  job.localPriorWeight = localPriorWeight * 20.0;
+  job.boundaryType = boundaryType;
+  return RunFileMode(job, 1);
+}
+
+int32_t RunFileMode(const DeconvFileJob& job, int32_t variant) {
+  try {
+    CxImage input;
+    CxImage kernelImage;
+    if (!LoadImage(input, job.inputImageFile)) return -1;
+    if (!LoadImage(kernelImage, job.kernelFile)) return -1;
+    return RunLoaded(job, variant, input, kernelImage);
+  } catch (const std::bad_alloc&) {
+    std::printf("Cannot deblur %s with kernel %s: out of memory\n", job.inputImageFile.c_str(),
+                job.kernelFile.c_str());
+  } catch (const std::exception& e) {
+    // marlith::Error and anything a library let through: one line, never a crash.
+    std::printf("Cannot deblur %s with kernel %s: %s\n", job.inputImageFile.c_str(),
+                job.kernelFile.c_str(), e.what());
+  }
+  return -1;
+}
+
+}  // namespace marlith

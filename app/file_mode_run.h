@@ -1,0 +1,31 @@
+// The file-mode run: image files in, a deconvolved image file out.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace marlith {
+
+// One file-mode job, numbers already scaled.
+struct DeconvFileJob {
+  std::string inputImageFile;
+  std::string kernelFile;
+  std::string outputImageFile;
+  double noise = 0.0;             // user value / 2000
+  double localPriorWeight = 0.0;  // user value x 20
+  int32_t boundaryType = 0;
+};
+
+// Scales the user's numbers (noise / 2000, weight x 20) and runs the job with variant 1.
+int32_t RunFileModeEntry(const std::string& inputImageFile, const std::string& kernelFile,
+                         const std::string& outputImageFile, int32_t boundaryType, double noise,
+                         double localPriorWeight);
+
+// Loads the blurred image and the kernel image, runs the engine with the given variant and
+// saves the result by the output name's type. Returns the engine's result (0), or -1 when an
+// image cannot be loaded or the engine refuses the request; the reason is printed as one line
+// on standard output. A result that cannot be saved keeps the result 0 and prints a warning
+// on standard error.
+int32_t RunFileMode(const DeconvFileJob& job, int32_t variant);
+
+}  // namespace marlith
