@@ -120,6 +120,9 @@ bool CxImage::Load(const std::string& path, int32_t typeCode) {
       }
     } catch (const std::exception& e) {
       error = path + ": " + e.what();
+      if (error.find("resource limit") != std::string::npos) {
+        error += " (images of at most " + std::to_string(kMaxPixels) + " pixels are accepted)";
+      }
       return false;
     }
     return image.columns() > 0 && image.rows() > 0;
