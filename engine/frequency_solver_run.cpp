@@ -6,11 +6,12 @@
 
 #include "engine/plane_padding.h"
 #include "engine/spectral_deconv_solver.h"
+#include "fit/border_extension.h"
 #include "marlith/error.hpp"
 
 namespace marlith {
 
-int RunFrequencySolver(const DeconvRequest& request) {
+WorkingPlanes PrepareWorkingPlanes(const DeconvRequest& request) {
   const size_t inputSize = static_cast<size_t>(request.width) * request.height * request.channels;
   EvenSizeWork work;
   work.input = std::span<const double>(request.input, inputSize);
@@ -20,13 +21,32 @@ int RunFrequencySolver(const DeconvRequest& request) {
   work.marginWidth = request.kernelWidth;
   work.marginHeight = request.kernelHeight;
   work.boundaryType = request.boundaryType;
-  ExtendToEvenSize(work);
-  if (work.boundaryType != 0) {
-    throw Error("boundary type " + std::to_string(work.boundaryType) +
-                " is not supported yet: use 0");
+  // The kernel (with its zero border) must fit the image: its size is also the width of the
+  // bands the border extension fits from.
+  if (request.kernelWidth > request.width || request.kernelHeight > request.height) {
+    throw Error("the kernel (" + std::to_string(request.kernelWidth) + " x " +
+                std::to_string(request.kernelHeight) +
+                " after trimming and bordering) is larger than the image (" +
+                std::to_string(request.width) + " x " + std::to_string(request.height) + ")");
   }
-  const int W = work.workWidth, H = work.workHeight;
+  ExtendToEvenSize(work);
+  WorkingPlanes out{std::move(work.planes), work.workWidth, work.workHeight};
+  if (work.boundaryType != 0) {
+    // Margins of three kernel sizes on every side, fitted from bands one kernel size wide.
+    out.planes = extendPeriodicBorderPlanes(out.planes, work.channels, out.width, out.height,
+                                            3 * work.marginWidth, 3 * work.marginHeight,
+                                            work.marginWidth, work.marginHeight);
+    out.width += 6 * work.marginWidth;
+    out.height += 6 * work.marginHeight;
+  }
+  return out;
+}
+
+int RunFrequencySolver(const DeconvRequest& request) {
+  const WorkingPlanes work = PrepareWorkingPlanes(request);
+  const int W = work.width, H = work.height;
   const size_t planeSize = static_cast<size_t>(W) * H;
+  const size_t inputSize = static_cast<size_t>(request.width) * request.height * request.channels;
 
   SpectralDeconvSolver solver;
   solver.Setup(nullptr, W, H, 0);
@@ -37,8 +57,8 @@ int RunFrequencySolver(const DeconvRequest& request) {
   solver.SetIterationSettings(request.localPriorWeight, 15, 15, 0.000144, 9);
   solver.SetPriorShape(0.0001, 0.5, 1.0);
 
-  std::vector<double> result(planeSize * work.channels);
-  for (int c = 0; c < work.channels; ++c) {
+  std::vector<double> result(planeSize * request.channels);
+  for (int c = 0; c < request.channels; ++c) {
     solver.SetImage(work.planes.data() + c * planeSize);
     solver.PrepareWeights(129);
     solver.SolveWithNoise(request.noise);

@@ -1,0 +1,61 @@
+// Weighted thin-plate fits: the smooth plane x that balances closeness to data d, weighted per
+// pixel by w, against the biharmonic energy of x, from (B + diag(w)) x = w (.) d.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <vector>
+
+namespace marlith {
+
+// A sparse matrix in compressed rows, indices counting from 1.
+struct SparseMatrixCSR {
+  int32_t nonZeros = 0;
+  int32_t rows = 0;
+  int32_t columns = 0;
+  std::vector<double> values;
+  std::vector<int32_t> columnIndices;  // from 1
+  std::vector<int32_t> rowStarts;      // rows + 1 entries, from 1
+};
+
+// The matrix of filterPlane with the given kernel and orientation and edge replication over a
+// width x height plane: row r holds, in the order met, the summed coefficients of the pixels
+// that output pixel r reads; taps clamped onto the same pixel are merged and a merged
+// coefficient of zero is left out.
+SparseMatrixCSR buildFilterMatrix(std::span<const double> kernel, int32_t kernelWidth,
+                                  int32_t kernelHeight, int32_t orientation, int32_t width,
+                                  int32_t height);
+
+struct ThinPlateRequest {
+  std::span<const double> data;     // d, width x height
+  std::span<double> output;         // x; may be the same plane as data
+  std::span<const double> weights;  // w
+  int32_t width = 0;
+  int32_t height = 0;
+};
+
+// (B + diag(w)) factorised once for a weight plane, for fits of several data planes with the
+// same weights (the colour channels of one image).
+class ThinPlateSystem {
+ public:
+  // Assembles and factorises the system; throws marlith::Error when UMFPACK cannot factorise
+  // it (for example all weights zero: the stencil alone is singular).
+  ThinPlateSystem(std::span<const double> weights, int32_t width, int32_t height);
+  ~ThinPlateSystem();
+  ThinPlateSystem(const ThinPlateSystem&) = delete;
+  ThinPlateSystem& operator=(const ThinPlateSystem&) = delete;
+
+  // Solves for data d into output (which may be d itself).
+  void Solve(std::span<const double> data, std::span<double> output) const;
+
+ private:
+  struct Factorisation;
+  std::unique_ptr<Factorisation> factorisation_;
+  std::vector<double> weights_;
+};
+
+// One fit; returns 0. Throws marlith::Error when the system cannot be solved.
+int32_t fitThinPlate(const ThinPlateRequest& request);
+
+}  // namespace marlith

@@ -151,7 +151,9 @@ TEST(RunDeconvEngine, RefusesMalformedRequests) {
            [](DeconvRequest& r) { r.noise = std::numeric_limits<double>::infinity(); },
            [](DeconvRequest& r) { r.noise = std::numeric_limits<double>::quiet_NaN(); },
            [](DeconvRequest& r) { r.localPriorWeight = std::numeric_limits<double>::quiet_NaN(); },
-           [](DeconvRequest& r) { r.localPriorWeight = -std::numeric_limits<double>::infinity(); }}) {
+           [](DeconvRequest& r) {
+             r.localPriorWeight = -std::numeric_limits<double>::infinity();
+           }}) {
     DeconvRequest r = good;
     mutate(r);
     EXPECT_THROW(RunDeconvEngine(r, 1), Error);
