@@ -1,0 +1,58 @@
+#include "fit/border_extension_surface_fit.h"
+
+#include <algorithm>
+#include <cassert>
+#include <vector>
+
+#include "fit/seam_layout.h"
+#include "fit/surface_fit.h"
+
+namespace marlith {
+namespace {
+
+// Fits a strip in place over its full width (x0 = -1; both seam strips are given so) and all its
+// rows, keeping the data where the mask is 1, with the default smoothing schedule.
+void FitStrip(std::vector<double>& strip, const std::vector<double>& mask, int w, int h,
+              int32_t (*fit)(const SurfaceFitRequest&)) {
+  SurfaceFitRequest r;
+  r.input = strip;
+  r.output = strip;
+  r.mask = mask;
+  r.width = w;
+  r.height = h;
+  r.stageCount = -1;
+  r.iterations = -1;
+  r.x0 = -1;
+  r.y0 = 0;
+  r.y1 = h - 1;
+  fit(r);
+}
+
+// Where the thin-plate extension weighs a sample, this one keeps it as data (mask 1).
+std::vector<double> DataMask(std::vector<double> weights) {
+  for (double& w : weights) w = w > 0.0 ? 1.0 : 0.0;
+  return weights;
+}
+
+}  // namespace
+
+int32_t extendPeriodicBorderBySurfaceFit(BorderExtensionRequest& q) {
+  assert(q.bandX > 0 && q.bandX <= q.width && q.bandY > 0 && q.bandY <= q.height);
+  const SeamLayout L(q.width, q.height, q.padX, q.padY, q.bandX, q.bandY);
+  q.paddedWidth = q.width + 2 * q.padX;
+  q.paddedHeight = q.height + 2 * q.padY;
+  q.padded.clear();
+  const double* image = q.image.data();
+  std::vector<double> lr(L.lrSize()), tb(L.tbSize()), corner(L.cornerSize());
+  FillLeftRight(L, image, lr.data());
+  FitStrip(lr, DataMask(LeftRightWeights(L)), L.SW, L.H, fitSurfaceDebug);
+  FillTopBottom(L, image, tb.data());
+  FitStrip(tb, DataMask(TopBottomWeights(L)), L.W, L.SH, fitSurfaceDebug);
+  FillCorner(L, lr.data(), tb.data(), corner.data());
+  FitStrip(corner, DataMask(CornerWeights(L)), L.SW, L.SH, fitSurfaceNeumannSides);
+  q.padded.resize(static_cast<size_t>(q.paddedWidth) * q.paddedHeight);
+  AssemblePadded(L, image, lr.data(), tb.data(), corner.data(), q.padded.data());
+  return 0;
+}
+
+}  // namespace marlith

@@ -1,1 +1,132 @@
+#include "fit/harmonic_patch_solver.h"
+
 #include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+
+namespace marlith {
+namespace {
+
+std::vector<double> Random(size_t n, unsigned seed) {
+  std::mt19937 rng(seed);
+  std::uniform_real_distribution<double> u(-1.0, 1.0);
+  std::vector<double> v(n);
+  for (double& x : v) x = u(rng);
+  return v;
+}
+
+// The same discrete problem assembled point by point and solved densely (Gaussian elimination
+// with partial pivoting): nx^2 dxx u + ny^2 dyy u = nx ny rhs at every point off the Dirichlet
+// sides, a Neumann side mirroring its inner neighbour.
+std::vector<double> DenseReference(std::vector<double> u, int nx, int ny, const std::string& code,
+                                   const std::vector<double>& rhs) {
+  const int W = nx + 1, H = ny + 1;
+  auto dirichlet = [&](int i, int j) {
+    return (i == 0 && code[0] == 'D') || (i == nx && code[1] == 'D') ||
+           (j == 0 && code[2] == 'D') || (j == ny && code[3] == 'D');
+  };
+  std::vector<int> index(W * H, -1);
+  int n = 0;
+  for (int j = 0; j < H; ++j)
+    for (int i = 0; i < W; ++i)
+      if (!dirichlet(i, j)) index[j * W + i] = n++;
+  std::vector<std::vector<double>> a(n, std::vector<double>(n + 1, 0.0));
+  const double wx = nx * nx, wy = ny * ny;
+  for (int j = 0; j < H; ++j)
+    for (int i = 0; i < W; ++i) {
+      const int row = index[j * W + i];
+      if (row < 0) continue;
+      a[row][n] = rhs.empty() ? 0.0 : nx * ny * rhs[j * W + i];
+      auto add = [&](int ii, int jj, double w) {
+        if (ii < 0) ii = 1;  // mirrored across a Neumann side
+        if (ii > nx) ii = nx - 1;
+        if (jj < 0) jj = 1;
+        if (jj > ny) jj = ny - 1;
+        const int col = index[jj * W + ii];
+        if (col < 0)
+          a[row][n] -= w * u[jj * W + ii];
+        else
+          a[row][col] += w;
+      };
+      add(i, j, -2 * wx - 2 * wy);
+      add(i - 1, j, wx);
+      add(i + 1, j, wx);
+      add(i, j - 1, wy);
+      add(i, j + 1, wy);
+    }
+  for (int c = 0; c < n; ++c) {
+    int p = c;
+    for (int r = c + 1; r < n; ++r)
+      if (std::fabs(a[r][c]) > std::fabs(a[p][c])) p = r;
+    std::swap(a[c], a[p]);
+    for (int r = 0; r < n; ++r) {
+      if (r == c) continue;
+      const double f = a[r][c] / a[c][c];
+      for (int k = c; k <= n; ++k) a[r][k] -= f * a[c][k];
+    }
+  }
+  for (int j = 0; j < H; ++j)
+    for (int i = 0; i < W; ++i)
+      if (index[j * W + i] >= 0)
+        u[j * W + i] = a[index[j * W + i]][n] / a[index[j * W + i]][index[j * W + i]];
+  return u;
+}
+
+TEST(SolveGridPoisson, AgreesWithADirectSolveOfTheSameDiscreteProblem) {
+  for (const std::string code : {"DDDD", "NNDD", "DDNN"})
+    for (auto [nx, ny] : {std::pair{4, 6}, std::pair{7, 5}, std::pair{8, 8}, std::pair{11, 9}})
+      for (bool poisson : {false, true}) {
+        const int W = nx + 1, H = ny + 1;
+        std::vector<double> u = Random(W * H, nx * 31 + ny);  // sides hold the Dirichlet values
+        for (int j = 1; j < ny; ++j)
+          for (int i = 1; i < nx; ++i) u[j * W + i] = 0.0;
+        const std::vector<double> rhs = poisson ? Random(W * H, 7) : std::vector<double>{};
+        const auto expected = DenseReference(u, nx, ny, code, rhs);
+        solveGridPoisson(u, nx, ny, code, rhs);
+        double diff = 0.0, scale = 0.0;
+        for (int k = 0; k < W * H; ++k) {
+          diff = std::max(diff, std::fabs(u[k] - expected[k]));
+          scale = std::max(scale, std::fabs(expected[k]));
+        }
+        EXPECT_LT(diff, 1e-9 * scale) << code << " " << nx << "x" << ny << " poisson " << poisson;
+      }
+}
+
+TEST(SolveHarmonicPatch, ReproducesBilinearDataOnOddAndEvenPatches) {
+  // u = a + b x + c y + d x y is discrete-harmonic for any spacing: the fill reproduces it
+  // from its sides, also through the resampling of even sizes.
+  for (auto [W, H] : {std::pair{9, 7}, std::pair{10, 7}, std::pair{8, 12}}) {
+    auto f = [](double x, double y) { return 0.3 + 0.05 * x - 0.02 * y + 0.004 * x * y; };
+    HarmonicPatch p;
+    p.width = W;
+    p.height = H;
+    for (int i = 0; i < W; ++i) {
+      p.firstRow.push_back(f(i, 0));
+      p.lastRow.push_back(f(i, H - 1));
+    }
+    for (int j = 0; j < H; ++j) {
+      p.firstColumn.push_back(f(0, j));
+      p.lastColumn.push_back(f(W - 1, j));
+    }
+    solveHarmonicPatch(p);
+    ASSERT_EQ(p.solution.size(), static_cast<size_t>(W * H));
+    for (int j = 0; j < H; ++j)
+      for (int i = 0; i < W; ++i)
+        EXPECT_NEAR(p.solution[j * W + i], f(i, j), 1e-12) << W << "x" << H;
+  }
+}
+
+TEST(ResampleLinear, KeepsEndPointsAndLinesAndInterpolatesBetween) {
+  const std::vector<double> line = {1.0, 3.0, 5.0, 7.0};
+  const auto up = resampleLinear(line, 7);  // positions 0, 0.5, ..., 3
+  for (int i = 0; i < 7; ++i) EXPECT_NEAR(up[i], 1.0 + i, 1e-15);
+  const auto down = resampleLinear(std::vector<double>{0.0, 10.0, 0.0}, 2);
+  EXPECT_EQ(down[0], 0.0);
+  EXPECT_EQ(down[1], 0.0);
+  const auto mid = resampleLinear(std::vector<double>{0.0, 10.0}, 5);
+  EXPECT_DOUBLE_EQ(mid[1], 2.5);
+}
+
+}  // namespace
+}  // namespace marlith
