@@ -8,6 +8,7 @@
 #include "engine/frequency_solver_run.h"
 #include "engine/plane_padding.h"
 #include "marlith/error.hpp"
+#include "refine/kernel_refinement_pass.h"
 
 namespace marlith {
 namespace {
@@ -143,7 +144,7 @@ PreparedKernel PrepareKernel(std::span<const double> kernel, int width, int heig
   return prepared;
 }
 
-int32_t RunDeconvEngine(const DeconvRequest& request, int32_t variant) {
+int32_t RunDeconvEngine(const DeconvRequest& request, int32_t variant, PreparedKernel* usedKernel) {
   ValidateRequest(request);
   PreparedKernel kernel = PrepareKernel(
       std::span<const double>(request.kernel,
@@ -158,11 +159,12 @@ int32_t RunDeconvEngine(const DeconvRequest& request, int32_t variant) {
       RunFrequencySolver(solverRequest);
       break;
     case kKernelRefinementVariant:
-      // The refinement pass is not built yet; like any unknown variant it leaves the output.
+      RunKernelRefinementPass(solverRequest, kernel.values);
       break;
     default:
       break;
   }
+  if (usedKernel) *usedKernel = std::move(kernel);
   return 0;
 }
 

@@ -29,7 +29,10 @@ PreparedKernel PrepareKernel(std::span<const double> kernel, int width, int heig
 
 // Checks the request's sizes and pointers (throws marlith::Error naming the fault), prepares
 // its kernel and runs the chosen variant on a private copy; the solver writes request.output.
-// Any other variant runs no solver and leaves the output planes as they are. Returns 0.
-int32_t RunDeconvEngine(const DeconvRequest& request, int32_t variant);
+// Any other variant runs no solver and leaves the output planes as they are. When usedKernel is
+// given it receives the kernel as the variant left it: prepared, and for variant 2 refined.
+// Returns 0.
+int32_t RunDeconvEngine(const DeconvRequest& request, int32_t variant,
+                        PreparedKernel* usedKernel = nullptr);
 
 }  // namespace marlith

@@ -1,0 +1,7 @@
+#include "wmlMath/WmlGMatrix.h"
+
+namespace Wml {
+
+template class GMatrix<double>;
+
+}  // namespace Wml
