@@ -138,9 +138,15 @@ ThinPlateSystem::ThinPlateSystem(std::span<const double> weights, int32_t width,
   }
   f.columnStarts[m.rows] = m.rowStarts[m.rows] - 1;
 
+  // The stencil's pattern is symmetric (only the clamped values are not): ordering A + A^T
+  // with nested dissection suits such grid matrices far better than the unsymmetric default.
+  double control[UMFPACK_CONTROL];
+  umfpack_di_defaults(control);
+  control[UMFPACK_STRATEGY] = UMFPACK_STRATEGY_SYMMETRIC;
+  control[UMFPACK_ORDERING] = UMFPACK_ORDERING_AMD;
   void* symbolic = nullptr;
   int status = umfpack_di_symbolic(m.rows, m.columns, f.columnStarts.data(), f.rowIndices.data(),
-                                   f.values.data(), &symbolic, nullptr, nullptr);
+                                   f.values.data(), &symbolic, control, nullptr);
   if (status != UMFPACK_OK) {
     if (symbolic) umfpack_di_free_symbolic(&symbolic);
     CheckUmfpack(status, "ordering");
