@@ -19,6 +19,8 @@ namespace {
 bool LoadImage(CxImage& image, const std::string& path) {
   if (image.Load(path, ImageTypeFromName(path))) return true;
   std::printf("Cannot load image %s\n", path.c_str());
+  std::fflush(stdout);
+  std::fprintf(stderr, "marlith: %s\n", image.GetLastError().c_str());
   return false;
 }
 
@@ -45,7 +47,8 @@ int32_t RunLoaded(const DeconvFileJob& job, int32_t variant, const CxImage& inpu
       sum += v;
     }
   }
-  // An all-black kernel gives 0 / 0 here; the engine refuses the non-finite kernel.
+  // An all-black kernel would give 0 / 0 here: refused by name instead.
+  if (!(sum > 0.0)) throw Error("the kernel image is black (its red levels sum to 0)");
   for (double& v : kernel) v /= sum;
 
   for (int32_t y = 0; y < height; ++y) {

@@ -89,10 +89,11 @@ void ValidateRequest(const DeconvRequest& request) {
   // Infinite or undefined settings would turn every sample into NaN or skip the solve
   // silently; they are refused instead.
   if (!std::isfinite(request.noise)) {
-    throw Error("the noise strength must be a finite number, not " + std::to_string(request.noise));
+    throw Error("the noise strength (over 2000) must be a finite number, not " +
+                std::to_string(request.noise));
   }
   if (!std::isfinite(request.localPriorWeight)) {
-    throw Error("the local prior weight must be a finite number, not " +
+    throw Error("the local prior weight (times 20) must be a finite number, not " +
                 std::to_string(request.localPriorWeight));
   }
   positive("image width", request.width);
