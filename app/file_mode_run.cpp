@@ -26,52 +26,20 @@ bool LoadImage(CxImage& image, const std::string& path) {
 
 int32_t RunLoaded(const DeconvFileJob& job, int32_t variant, const CxImage& input,
                   const CxImage& kernelImage) {
-  const int32_t width = input.GetWidth();
-  const int32_t height = input.GetHeight();
-  // Only a colour image without alpha is solved per channel; palette, grey and images with an
-  // alpha layer are solved as one plane read from the red bytes.
-  const int32_t channels = input.GetColorType() == 2 ? 3 : 1;
-  const int32_t kernelWidth = kernelImage.GetWidth();
-  const int32_t kernelHeight = kernelImage.GetHeight();
-  const size_t planeSize = static_cast<size_t>(width) * height;
-
-  std::vector<double> inputPlanes(planeSize * channels);
-  std::vector<double> outputPlanes(planeSize * channels, 0.0);
-  std::vector<double> kernel(static_cast<size_t>(kernelWidth) * kernelHeight);
-
-  double sum = 0.0;
-  for (int32_t y = 0; y < kernelHeight; ++y) {
-    for (int32_t x = 0; x < kernelWidth; ++x) {
-      const double v = kernelImage.GetPixelColor(x, y, true).red / 255.0;
-      kernel[static_cast<size_t>(y) * kernelWidth + x] = v;
-      sum += v;
-    }
-  }
-  // An all-black kernel would give 0 / 0 here: refused by name instead.
-  if (!(sum > 0.0)) throw Error("the kernel image is black (its red levels sum to 0)");
-  for (double& v : kernel) v /= sum;
-
-  for (int32_t y = 0; y < height; ++y) {
-    for (int32_t x = 0; x < width; ++x) {
-      const PixelColor p = input.GetPixelColor(x, y, true);
-      const size_t i = static_cast<size_t>(y) * width + x;
-      inputPlanes[i] = p.red / 255.0;
-      if (channels == 3) {
-        inputPlanes[planeSize + i] = p.green / 255.0;
-        inputPlanes[2 * planeSize + i] = p.blue / 255.0;
-      }
-    }
-  }
+  const ImagePlanes image = ImageToPlanes(input);
+  const ImagePlanes kernel = KernelFromImage(kernelImage);
+  const int32_t width = image.width, height = image.height, channels = image.channels;
+  std::vector<double> outputPlanes(image.planes.size(), 0.0);
 
   DeconvRequest request{};
-  request.input = inputPlanes.data();
+  request.input = image.planes.data();
   request.output = outputPlanes.data();
-  request.kernel = kernel.data();
+  request.kernel = kernel.planes.data();
   request.width = width;
   request.height = height;
   request.channels = channels;
-  request.kernelWidth = kernelWidth;
-  request.kernelHeight = kernelHeight;
+  request.kernelWidth = kernel.width;
+  request.kernelHeight = kernel.height;
   request.noise = job.noise;
   request.localPriorWeight = job.localPriorWeight;
   request.boundaryType = job.boundaryType;
@@ -85,6 +53,49 @@ int32_t RunLoaded(const DeconvFileJob& job, int32_t variant, const CxImage& inpu
 }
 
 }  // namespace
+
+ImagePlanes ImageToPlanes(const CxImage& image) {
+  ImagePlanes out;
+  out.width = image.GetWidth();
+  out.height = image.GetHeight();
+  // Only a colour image without alpha is solved per channel; palette, grey and images with an
+  // alpha layer are solved as one plane read from the red bytes.
+  out.channels = image.GetColorType() == 2 ? 3 : 1;
+  const size_t planeSize = static_cast<size_t>(out.width) * out.height;
+  out.planes.resize(planeSize * out.channels);
+  for (int32_t y = 0; y < out.height; ++y) {
+    for (int32_t x = 0; x < out.width; ++x) {
+      const PixelColor p = image.GetPixelColor(x, y, true);
+      const size_t i = static_cast<size_t>(y) * out.width + x;
+      out.planes[i] = p.red / 255.0;
+      if (out.channels == 3) {
+        out.planes[planeSize + i] = p.green / 255.0;
+        out.planes[2 * planeSize + i] = p.blue / 255.0;
+      }
+    }
+  }
+  return out;
+}
+
+ImagePlanes KernelFromImage(const CxImage& image) {
+  ImagePlanes kernel;
+  kernel.width = image.GetWidth();
+  kernel.height = image.GetHeight();
+  kernel.channels = 1;
+  kernel.planes.resize(static_cast<size_t>(kernel.width) * kernel.height);
+  double sum = 0.0;
+  for (int32_t y = 0; y < kernel.height; ++y) {
+    for (int32_t x = 0; x < kernel.width; ++x) {
+      const double v = image.GetPixelColor(x, y, true).red / 255.0;
+      kernel.planes[static_cast<size_t>(y) * kernel.width + x] = v;
+      sum += v;
+    }
+  }
+  // An all-black kernel would give 0 / 0 here: refused by name instead.
+  if (!(sum > 0.0)) throw Error("the kernel image is black (its red levels sum to 0)");
+  for (double& v : kernel.planes) v /= sum;
+  return kernel;
+}
 
 int32_t RunFileModeEntry(const std::string& inputImageFile, const std::string& kernelFile,
                          const std::string& outputImageFile, int32_t boundaryType, double noise,

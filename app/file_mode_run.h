@@ -3,6 +3,9 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
+
+#include "image/image_container.h"
 
 namespace marlith {
 
@@ -15,6 +18,21 @@ struct DeconvFileJob {
   double localPriorWeight = 0.0;  // user value x 20
   int32_t boundaryType = 0;
 };
+
+// Planes of doubles on the [0, 1] scale, planar, with their size.
+struct ImagePlanes {
+  std::vector<double> planes;
+  int32_t width = 0;
+  int32_t height = 0;
+  int32_t channels = 0;
+};
+
+// An image's samples / 255: three planes (red, green, blue) for a colour image without alpha
+// (colour type 2), otherwise one plane of the red bytes.
+ImagePlanes ImageToPlanes(const CxImage& image);
+// A kernel image's red bytes / 255, normalised to unit sum; throws marlith::Error for a kernel
+// image whose red bytes are all zero.
+ImagePlanes KernelFromImage(const CxImage& image);
 
 // Scales the user's numbers (noise / 2000, weight x 20) and runs the job with variant 1.
 int32_t RunFileModeEntry(const std::string& inputImageFile, const std::string& kernelFile,
