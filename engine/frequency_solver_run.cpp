@@ -1,7 +1,9 @@
 #include "engine/frequency_solver_run.h"
 
+#include <algorithm>
 #include <span>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "engine/plane_padding.h"
@@ -49,7 +51,9 @@ int RunFrequencySolver(const DeconvRequest& request) {
   const size_t inputSize = static_cast<size_t>(request.width) * request.height * request.channels;
 
   SpectralDeconvSolver solver;
-  solver.Setup(nullptr, W, H, 0);
+  // Every core: the transforms and the passes over the planes split their work.
+  solver.Setup(nullptr, W, H, 0,
+               static_cast<int>(std::max(1u, std::thread::hardware_concurrency())));
   solver.SetKernel(
       std::span<const double>(request.kernel,
                               static_cast<size_t>(request.kernelWidth) * request.kernelHeight),

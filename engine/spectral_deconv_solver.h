@@ -78,7 +78,8 @@ class SpectralDeconvSolver : public DeconvSolver {
 
   // Stores the working size (even W and H), makes the transform objects, resets the defaults
   // and precomputes the gradient spectra (and the image spectrum when imagePlane is given).
-  // threads: FFTW threads per transform. Returns 0.
+  // threads: threads for each transform and each pass over the planes; any count gives the
+  // same element-wise passes, only the transforms' rounding may differ. Returns 0.
   int Setup(const double* imagePlane, int width, int height, uint32_t options, int threads = 1);
   // Kernel spectra from a kernelWidth x kernelHeight kernel no larger than the working size
   // (throws marlith::Error otherwise): centred, shifted to the origin, transformed. Returns 0.
@@ -112,6 +113,7 @@ class SpectralDeconvSolver : public DeconvSolver {
   void ComputeReferenceGradients();
 
   const double* imagePlane_ = nullptr;
+  int threads_ = 1;
   int width_ = 0;
   int height_ = 0;
   uint32_t options_ = 0;
