@@ -44,4 +44,22 @@ done
   echo "|---:|---|---:|---:|---:|---:|---:|"
   tail -n +2 "$csv" | awk -F, '{ printf "| %s | %sx%s | %s | %s | %s | %.2f | %s |\n", $1, $2, $3, $4, $5, $6, $7, $8 }'
 } > "$table"
+# Time against megapixels for the colour runs, one line per kernel size and boundary type.
+plot="${table%.md}.png"
+if command -v gnuplot > /dev/null; then
+  gnuplot <<PLOT
+set terminal png size 900,600
+set output "$plot"
+set datafile separator ","
+set key left top
+set xlabel "megapixels"
+set ylabel "seconds (whole run, colour image)"
+set logscale xy
+set grid
+plot for [k in "15 31 61"] for [b in "0 1"] \
+  "< awk -F, -v k=".k." -v b=".b." '\$4 == 3 && \$5 == k && \$6 == b' $csv" \
+  using 1:7 with linespoints title sprintf("kernel %s, boundary %s", k, b)
+PLOT
+  echo "wrote $plot"
+fi
 echo "wrote $table and $csv"
