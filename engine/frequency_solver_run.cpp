@@ -14,15 +14,7 @@
 namespace marlith {
 
 WorkingPlanes PrepareWorkingPlanes(const DeconvRequest& request) {
-  const size_t inputSize = static_cast<size_t>(request.width) * request.height * request.channels;
-  EvenSizeWork work;
-  work.input = std::span<const double>(request.input, inputSize);
-  work.width = request.width;
-  work.height = request.height;
-  work.channels = request.channels;
-  work.marginWidth = request.kernelWidth;
-  work.marginHeight = request.kernelHeight;
-  work.boundaryType = request.boundaryType;
+  EvenSizeWork work = MakeEvenSizeWork(request);
   // The kernel (with its zero border) must fit the image: its size is also the width of the
   // bands the border extension fits from.
   if (request.kernelWidth > request.width || request.kernelHeight > request.height) {

@@ -109,6 +109,19 @@ std::vector<double> MakeDyFilter(int W, int H) {
   return PadCenteredUp(std::vector<double>{1.0, -1.0}, 1, 2, W, H);
 }
 
+EvenSizeWork MakeEvenSizeWork(const DeconvRequest& request) {
+  EvenSizeWork work;
+  work.input = std::span<const double>(
+      request.input, static_cast<size_t>(request.width) * request.height * request.channels);
+  work.width = request.width;
+  work.height = request.height;
+  work.channels = request.channels;
+  work.marginWidth = request.kernelWidth;
+  work.marginHeight = request.kernelHeight;
+  work.boundaryType = request.boundaryType;
+  return work;
+}
+
 void ExtendToEvenSize(EvenSizeWork& work) {
   const int w = work.width, h = work.height;
   const int W = w + (w & 1), H = h + (h & 1);

@@ -8,6 +8,8 @@
 #include <span>
 #include <vector>
 
+#include "marlith/deconv_request.h"
+
 namespace marlith {
 
 // Centres a w x h plane in a zero W x H plane (W >= w, H >= h). The odd remainder of the margin
@@ -60,6 +62,10 @@ struct EvenSizeWork {
   int marginHeight = 0;
   int32_t boundaryType = 0;
 };
+
+// The working record of a request: its input planes, sizes and channel count, the kernel's
+// size as the margins, and its boundary type.
+EvenSizeWork MakeEvenSizeWork(const DeconvRequest& request);
 
 // Sets workWidth/workHeight to width/height raised to the next even number and fills planes:
 // an odd width repeats each row's last value once, an odd height repeats the last row once.

@@ -24,15 +24,7 @@ void CleanKernel(std::span<double> kernel) {
 int32_t RunKernelRefinementPass(const DeconvRequest& request, std::span<double> kernel) {
   assert(request.kernel == kernel.data());
   const size_t kernelSize = static_cast<size_t>(request.kernelWidth) * request.kernelHeight;
-  EvenSizeWork work;
-  work.input = std::span<const double>(
-      request.input, static_cast<size_t>(request.width) * request.height * request.channels);
-  work.width = request.width;
-  work.height = request.height;
-  work.channels = request.channels;
-  work.marginWidth = request.kernelWidth;
-  work.marginHeight = request.kernelHeight;
-  work.boundaryType = request.boundaryType;
+  EvenSizeWork work = MakeEvenSizeWork(request);
   ExtendToEvenSize(work);
   const int W = work.workWidth, H = work.workHeight;
   const size_t planeSize = static_cast<size_t>(W) * H;

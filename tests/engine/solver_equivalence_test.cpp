@@ -10,17 +10,10 @@
 #include "engine/plane_padding.h"
 #include "engine/spectral_deconv_solver.h"
 #include "reference_solver.h"
+#include "support/test_support.h"
 
 namespace marlith {
 namespace {
-
-std::vector<double> RandomPlane(size_t n, unsigned seed, double lo = 0.0, double hi = 1.0) {
-  std::mt19937 rng(seed);
-  std::uniform_real_distribution<double> u(lo, hi);
-  std::vector<double> v(n);
-  for (double& x : v) x = u(rng);
-  return v;
-}
 
 double MaxRelativeDifference(std::span<const double> a, const std::vector<double>& b) {
   double diff = 0.0, scale = 0.0;
@@ -43,15 +36,15 @@ TEST(SolverEquivalence, FastSolverMatchesThePlainReferenceTo1e9) {
         Case{48, 40, 9, 9, 0.002, 20.0, true}, Case{16, 16, 16, 16, 0.0005, 0.0, false},
         Case{40, 22, 3, 11, 0.0, 0.0, false}}) {
     const size_t n = static_cast<size_t>(c.W) * c.H;
-    const auto observed = RandomPlane(n, c.W * 7 + c.kw);
-    auto kernel = RandomPlane(static_cast<size_t>(c.kw) * c.kh, c.kh, 0.0, 1.0);
+    const auto observed = test::RandomValues(n, c.W * 7 + c.kw, 0.0, 1.0);
+    auto kernel = test::RandomValues(static_cast<size_t>(c.kw) * c.kh, c.kh, 0.0, 1.0);
     double sum = 0.0;
     for (double v : kernel) sum += v;
     for (double& v : kernel) v /= sum;
     test::ReferenceSettings settings;
     settings.noise = c.noise;
     settings.localPriorWeight = c.weight;
-    if (c.mask) settings.mask = RandomPlane(n, 99);
+    if (c.mask) settings.mask = test::RandomValues(n, 99, 0.0, 1.0);
 
     SpectralDeconvSolver solver;
     solver.Setup(nullptr, c.W, c.H, 0);
@@ -71,7 +64,7 @@ TEST(SolverEquivalence, FastSolverMatchesThePlainReferenceTo1e9) {
 TEST(SolverEquivalence, EngineRunMatchesTheReferenceOnEvenSizedPlanesCroppedBack) {
   // An odd 27 x 19 three-channel image: extended to 28 x 20, solved, cropped back.
   constexpr int w = 27, h = 19, W = 28, H = 20;
-  const auto input = RandomPlane(3 * w * h, 5);
+  const auto input = test::RandomValues(3 * w * h, 5, 0.0, 1.0);
   std::vector<double> kernel(5 * 5, 0.0);
   for (int i = 0; i < 5; ++i) kernel[i * 5 + i] = 1.0 / 5;  // a diagonal line
   std::vector<double> output(input.size());

@@ -14,14 +14,6 @@
 namespace marlith {
 namespace {
 
-std::vector<double> RandomPlane(int n, unsigned seed) {
-  std::mt19937 rng(seed);
-  std::uniform_real_distribution<double> u(0.0, 1.0);
-  std::vector<double> v(n);
-  for (double& x : v) x = u(rng);
-  return v;
-}
-
 // Circular convolution of a W x H plane with a kw x kh kernel whose tap (kw/2, kh/2) sits on
 // the output pixel: y(p) = sum_j k(j) x(p - (j - centre)).
 std::vector<double> CircularConvolve(const std::vector<double>& x, int W, int H,
@@ -49,7 +41,7 @@ TEST(SpectralTransform, InverseAfterForwardIsTheIdentity) {
     auto in = AllocateFftwBuffer<double>(n);
     auto out = AllocateFftwBuffer<double>(n);
     auto spectrum = AllocateFftwBuffer<Complex>(HalfSpectrumSize(W, H));
-    const auto x = RandomPlane(static_cast<int>(n), 7);
+    const auto x = test::RandomValues(static_cast<int>(n), 7);
     std::copy(x.begin(), x.end(), in.get());
     forward.Forward(in.get(), spectrum.get());
     // The DC term is the plane's sum.
@@ -60,7 +52,7 @@ TEST(SpectralTransform, InverseAfterForwardIsTheIdentity) {
 }
 
 TEST(CircularShiftHalf, TwiceRestoresEvenPlanesButNotOddOnes) {
-  const auto even = RandomPlane(6 * 4, 1);
+  const auto even = test::RandomValues(6 * 4, 1, 0.0, 1.0);
   std::vector<double> shifted(even.size());
   CircularShiftHalf(even, shifted, 6, 4);
   EXPECT_EQ(shifted[(0 + 2) * 6 + (1 + 3)], even[0 * 6 + 1]);
@@ -68,7 +60,7 @@ TEST(CircularShiftHalf, TwiceRestoresEvenPlanesButNotOddOnes) {
   CircularShiftHalf(shifted, shifted, 6, 4);  // in place
   EXPECT_EQ(shifted, even);
 
-  const auto odd = RandomPlane(5 * 3, 2);
+  const auto odd = test::RandomValues(5 * 3, 2, 0.0, 1.0);
   std::vector<double> twice(odd.size());
   CircularShiftHalf(odd, twice, 5, 3);
   EXPECT_EQ(twice[1 * 5 + 2], odd[0]);  // by floor(W/2) = 2 columns, floor(H/2) = 1 row
@@ -100,7 +92,7 @@ TEST_F(SolverTest, KernelSpectrumConvolvesAboutTheKernelsCentreTap) {
   const std::vector<double> k = {0.0, 0.1, 0.2,  0.0, 0.05, 0.0, 0.3, 0.0,
                                  0.1, 0.0, 0.05, 0.0, 0.1,  0.0, 0.1};
   solver.SetKernel(k, 5, 3);
-  const auto x = RandomPlane(W * H, 3);
+  const auto x = test::RandomValues(W * H, 3, 0.0, 1.0);
   SpectralTransform forward(W, H, SpectralTransform::kForward);
   SpectralTransform inverse(W, H, SpectralTransform::kInverse);
   auto plane = AllocateFftwBuffer<double>(W * H);
@@ -148,7 +140,7 @@ TEST(PiecewisePriorShrink, MatchesHandComputedMinimisers) {
 }
 
 TEST_F(SolverTest, BetaDoublesUpToItsCapInclusive) {
-  const auto x = RandomPlane(W * H, 4);
+  const auto x = test::RandomValues(W * H, 4, 0.0, 1.0);
   solver.SetKernel(MakeGaussianKernel(5, 5, 1.0), 5, 5);
   solver.SetIterationSettings(0.0, 15, 15, 0.000144, 9);
   solver.SetPriorShape(0.0001, 0.5, 1.0);

@@ -5,16 +5,10 @@
 #include <cmath>
 #include <random>
 
+#include "support/test_support.h"
+
 namespace marlith {
 namespace {
-
-std::vector<double> Random(size_t n, unsigned seed) {
-  std::mt19937 rng(seed);
-  std::uniform_real_distribution<double> u(-1.0, 1.0);
-  std::vector<double> v(n);
-  for (double& x : v) x = u(rng);
-  return v;
-}
 
 // The same discrete problem assembled point by point and solved densely (Gaussian elimination
 // with partial pivoting): nx^2 dxx u + ny^2 dyy u = nx ny rhs at every point off the Dirichlet
@@ -78,10 +72,12 @@ TEST(SolveGridPoisson, AgreesWithADirectSolveOfTheSameDiscreteProblem) {
     for (auto [nx, ny] : {std::pair{4, 6}, std::pair{7, 5}, std::pair{8, 8}, std::pair{11, 9}})
       for (bool poisson : {false, true}) {
         const int W = nx + 1, H = ny + 1;
-        std::vector<double> u = Random(W * H, nx * 31 + ny);  // sides hold the Dirichlet values
+        std::vector<double> u =
+            test::RandomValues(W * H, nx * 31 + ny);  // sides hold the Dirichlet values
         for (int j = 1; j < ny; ++j)
           for (int i = 1; i < nx; ++i) u[j * W + i] = 0.0;
-        const std::vector<double> rhs = poisson ? Random(W * H, 7) : std::vector<double>{};
+        const std::vector<double> rhs =
+            poisson ? test::RandomValues(W * H, 7) : std::vector<double>{};
         const auto expected = DenseReference(u, nx, ny, code, rhs);
         solveGridPoisson(u, nx, ny, code, rhs);
         double diff = 0.0, scale = 0.0;

@@ -5,16 +5,10 @@
 #include <random>
 #include <vector>
 
+#include "support/test_support.h"
+
 namespace marlith {
 namespace {
-
-std::vector<double> Random(size_t n, unsigned seed) {
-  std::mt19937 rng(seed);
-  std::uniform_real_distribution<double> u(-1.0, 1.0);
-  std::vector<double> v(n);
-  for (double& x : v) x = u(rng);
-  return v;
-}
 
 // Brute force from the definition: taps outside the plane by mode (1 zero, 2 clamp, 3 period
 // size - 1); convolution flips the kernel.
@@ -41,9 +35,9 @@ double Reference(const std::vector<double>& in, int W, int H, const std::vector<
 
 TEST(FilterPlane, MatchesTheDefinitionInEveryModeAndOrientation) {
   const int W = 9, H = 6;
-  const auto in = Random(W * H, 1);
+  const auto in = test::RandomValues(W * H, 1);
   for (auto [kw, kh] : {std::pair{3, 3}, std::pair{4, 2}, std::pair{5, 3}, std::pair{1, 4}}) {
-    const auto k = Random(kw * kh, kw * 10 + kh);
+    const auto k = test::RandomValues(kw * kh, kw * 10 + kh);
     for (int mode : {1, 2, 3})
       for (int orientation : {1, 2}) {
         std::vector<double> out(W * H);
@@ -59,7 +53,7 @@ TEST(FilterPlane, MatchesTheDefinitionInEveryModeAndOrientation) {
 
 TEST(FilterPlane, ScaleGuardUnitKernelInPlaceAndUnknownOrientation) {
   const int W = 5, H = 4;
-  const auto in = Random(W * H, 2);
+  const auto in = test::RandomValues(W * H, 2);
   const std::vector<double> one = {1.0};
   for (double scale : {0.0, 1e-11, 1e10, -1e12}) {
     std::vector<double> out(W * H);
@@ -70,7 +64,7 @@ TEST(FilterPlane, ScaleGuardUnitKernelInPlaceAndUnknownOrientation) {
   filterPlane({in, out, W, H, 3.0, one, 1, 1, 2, 2});
   for (int i = 0; i < W * H; ++i) EXPECT_DOUBLE_EQ(out[i], 3.0 * in[i]);
 
-  const auto k = Random(9, 3);
+  const auto k = test::RandomValues(9, 3);
   std::vector<double> separate(W * H), inPlace = in;
   filterPlane({in, separate, W, H, 1.0, k, 3, 3, 3, 1});
   filterPlane({inPlace, inPlace, W, H, 1.0, k, 3, 3, 3, 1});

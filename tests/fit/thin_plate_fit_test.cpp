@@ -8,17 +8,10 @@
 #include "fit/kernel_bank.h"
 #include "fit/plane_filter.h"
 #include "marlith/error.hpp"
+#include "support/test_support.h"
 
 namespace marlith {
 namespace {
-
-std::vector<double> Random(size_t n, unsigned seed, double lo = -1.0, double hi = 1.0) {
-  std::mt19937 rng(seed);
-  std::uniform_real_distribution<double> u(lo, hi);
-  std::vector<double> v(n);
-  for (double& x : v) x = u(rng);
-  return v;
-}
 
 std::vector<double> Multiply(const SparseMatrixCSR& m, const std::vector<double>& x) {
   std::vector<double> y(m.rows, 0.0);
@@ -30,9 +23,9 @@ std::vector<double> Multiply(const SparseMatrixCSR& m, const std::vector<double>
 
 TEST(BuildFilterMatrix, ActsAsFilterPlaneWithEdgeReplication) {
   const int W = 7, H = 5;
-  const auto x = Random(W * H, 1);
+  const auto x = test::RandomValues(W * H, 1);
   for (int orientation : {1, 2}) {
-    const auto k = Random(4 * 3, 2);
+    const auto k = test::RandomValues(4 * 3, 2);
     const SparseMatrixCSR m = buildFilterMatrix(k, 4, 3, orientation, W, H);
     ASSERT_EQ(m.rows, W * H);
     ASSERT_EQ(m.rowStarts.front(), 1);
@@ -65,8 +58,8 @@ TEST(BuildFilterMatrix, MergesClampedTapsAndDropsZeroSums) {
 
 TEST(FitThinPlate, SolvesTheWeightedSystem) {
   const int W = 12, H = 9;
-  const auto d = Random(W * H, 3);
-  const auto w = Random(W * H, 4, 0.0, 1.0);
+  const auto d = test::RandomValues(W * H, 3);
+  const auto w = test::RandomValues(W * H, 4, 0.0, 1.0);
   std::vector<double> x(W * H);
   fitThinPlate({d, x, w, W, H});
   // (B + diag(w)) x - w d, with B x from the filter itself.

@@ -5,16 +5,10 @@
 #include <cmath>
 #include <random>
 
+#include "support/test_support.h"
+
 namespace marlith {
 namespace {
-
-std::vector<double> Random(size_t n, unsigned seed) {
-  std::mt19937 rng(seed);
-  std::uniform_real_distribution<double> u(-1.0, 1.0);
-  std::vector<double> v(n);
-  for (double& x : v) x = u(rng);
-  return v;
-}
 
 TEST(VectorNorm, KindsTwoAndThreeAreSumsOfSquaresWithoutARoot) {
   const double v[] = {3.0, -4.0};
@@ -40,9 +34,9 @@ TEST(VectorArithmetic, WorksElementWiseAlsoInPlace) {
 
 TEST(MatrixProducts, FollowTheOrderCodes) {
   const int rows = 3, cols = 4;
-  auto m = Random(rows * cols, 1);
+  auto m = test::RandomValues(rows * cols, 1);
   const DenseMatrixView M{m.data(), cols, rows};
-  const auto x4 = Random(4, 2), x3 = Random(3, 3);
+  const auto x4 = test::RandomValues(4, 2), x3 = test::RandomValues(3, 3);
   std::vector<double> y(4);
   for (int32_t code : {101, 7}) {
     matrixVectorProduct(M, code, x4.data(), y.data());
@@ -61,7 +55,7 @@ TEST(MatrixProducts, FollowTheOrderCodes) {
     }
   }
   // In place on a square matrix: the product goes through a temporary.
-  auto sq = Random(9, 4), v = Random(3, 5);
+  auto sq = test::RandomValues(9, 4), v = test::RandomValues(3, 5);
   const auto v0 = v;
   const DenseMatrixView S{sq.data(), 3, 3};
   matrixVectorProduct(S, 101, v.data(), v.data());
@@ -69,7 +63,7 @@ TEST(MatrixProducts, FollowTheOrderCodes) {
     EXPECT_NEAR(v[r], sq[r * 3] * v0[0] + sq[r * 3 + 1] * v0[1] + sq[r * 3 + 2] * v0[2], 1e-15);
 
   // C = A^T B with A 3 x 4 and B 3 x 2.
-  auto b = Random(6, 6);
+  auto b = test::RandomValues(6, 6);
   std::vector<double> c(8);
   DenseMatrixView C{c.data(), 2, 4};
   matrixMatrixProduct(102, M, DenseMatrixView{b.data(), 2, 3}, C);
@@ -87,9 +81,9 @@ TEST(MatrixProducts, FollowTheOrderCodes) {
 
 TEST(SolveLinearSystem, SolvesAsStoredOrTransposedAndInPlace) {
   const int n = 6;
-  auto a = Random(n * n, 7);
+  auto a = test::RandomValues(n * n, 7);
   for (int i = 0; i < n; ++i) a[i * n + i] += 4.0;
-  const auto b = Random(n, 8);
+  const auto b = test::RandomValues(n, 8);
   const DenseMatrixView A{a.data(), n, n};
   for (int32_t code : {101, 102, 103}) {
     std::vector<double> x(n);

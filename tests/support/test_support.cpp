@@ -23,6 +23,14 @@ double Psnr(std::span<const double> a, std::span<const double> b, int width, int
   return synthesis::Psnr(a, b, width, height, channels, margin);
 }
 
+std::vector<double> RandomValues(size_t n, unsigned seed, double lo, double hi) {
+  std::mt19937 rng(seed);
+  std::uniform_real_distribution<double> u(lo, hi);
+  std::vector<double> v(n);
+  for (double& x : v) x = u(rng);
+  return v;
+}
+
 ProcessResult RunProcess(const std::string& program, const std::vector<std::string>& args,
                          int timeoutSeconds) {
   int outPipe[2], errPipe[2];

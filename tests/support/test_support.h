@@ -14,6 +14,9 @@ namespace marlith::test {
 double Psnr(std::span<const double> a, std::span<const double> b, int width, int height,
             int channels = 1, int margin = 0);
 
+// n values drawn uniformly from [lo, hi) with a fixed seed.
+std::vector<double> RandomValues(size_t n, unsigned seed, double lo = -1.0, double hi = 1.0);
+
 // What a finished process left behind.
 struct ProcessResult {
   int exitCode = -1;  // 0..255, or -1 when it did not exit normally (signal)
