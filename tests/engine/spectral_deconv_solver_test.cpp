@@ -7,6 +7,7 @@
 #include <numeric>
 #include <random>
 
+#include "engine/dft2d.h"
 #include "engine/plane_padding.h"
 #include "marlith/error.hpp"
 #include "support/test_support.h"
@@ -49,6 +50,36 @@ TEST(SpectralTransform, InverseAfterForwardIsTheIdentity) {
     inverse.Inverse(spectrum.get(), out.get());
     for (size_t i = 0; i < n; ++i) EXPECT_NEAR(out[i], x[i], 1e-14) << W << "x" << H;
   }
+}
+
+TEST(Dft2d, OneShotTransformsMatchThePlannedForwardTransform) {
+  constexpr int W = 10, H = 6;
+  const size_t n = W * H, half = HalfSpectrumSize(W, H);
+  const auto x = test::RandomValues(n, 11);
+  SpectralTransform forward(W, H, SpectralTransform::kForward);
+  auto plane = AllocateFftwBuffer<double>(n);
+  auto expected = AllocateFftwBuffer<Complex>(half);
+  std::copy(x.begin(), x.end(), plane.get());
+  forward.Forward(plane.get(), expected.get());
+
+  std::vector<Complex> once(half);
+  ASSERT_EQ(Dft2d(x.data(), W, H, once.data()), 0);
+  // In place: the block holds the plane first, the half spectrum after.
+  std::vector<double> block(2 * half, 0.0);
+  std::copy(x.begin(), x.end(), block.begin());
+  ASSERT_EQ(Dft2dInPlaceSafe(block.data(), W, H, block.data()), 0);
+  std::vector<float> single(x.begin(), x.end());
+  std::vector<std::complex<float>> singleOut(half);
+  ASSERT_EQ(Dft2dSingle(single.data(), W, H, singleOut.data()), 0);
+  for (size_t i = 0; i < half; ++i) {
+    EXPECT_NEAR(std::abs(once[i] - expected[i]), 0.0, 1e-12);
+    EXPECT_NEAR(std::abs(Complex(block[2 * i], block[2 * i + 1]) - expected[i]), 0.0, 1e-12);
+    EXPECT_NEAR(std::abs(Complex(singleOut[i]) - expected[i]), 0.0, 1e-4);
+  }
+  // A size FFTW cannot plan: the status is printed and the caller goes on.
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(Dft2d(x.data(), -4, H, once.data()), -1);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "ERROR: bad status: -1\n");
 }
 
 TEST(CircularShiftHalf, TwiceRestoresEvenPlanesButNotOddOnes) {
