@@ -26,7 +26,12 @@ std::vector<double> extendPeriodicBorderPlanes(std::span<const double> planes, i
   // two of them run on other threads (each is deterministic: the result is the same).
   // BLAS threads inside each factorisation would only oversubscribe the cores (measured: 4x
   // slower with OpenBLAS's default threads on two cores).
-  openblas_set_num_threads(1);
+  // The count is put back afterwards: the rest of the program keeps its BLAS threads.
+  struct BlasThreads {
+    int saved = openblas_get_num_threads();
+    BlasThreads() { openblas_set_num_threads(1); }
+    ~BlasThreads() { openblas_set_num_threads(saved); }
+  } singleThreadedBlas;
   auto factorise = [](std::vector<double> weights, int w, int h) {
     return std::make_unique<ThinPlateSystem>(weights, w, h);
   };

@@ -91,9 +91,9 @@ void buildKernelBank() {
   smoothing[6] = {MakeGaussianKernel(17, 17, 3.1), 17, 17};
   smoothing[1024] = {};  // cleared at the end of the build: never holds a kernel
   for (const auto& [id, k] : smoothing) bank.smoothingDescriptors[id] = k.descriptor();
-  // The bank of the original design also carried fifteen kernels filled from constant tables
-  // for deconvolution operators that this program does not have; nothing looks them up, so
-  // they are left out rather than invented.
+  // Fifteen further kernels, filled from constant tables and flipped upside down, belong to
+  // deconvolution operators this program does not have. Nothing looks them up, so they are
+  // left out rather than filled with invented values.
   bank.built = true;
 }
 

@@ -41,6 +41,7 @@ void buildKernelBank();
 void releaseKernelBank();
 bool kernelBankBuilt();
 
+// Views returned below point into the bank: they stay valid until releaseKernelBank.
 // A named kernel; the bank must be built.
 KernelDescriptor bankKernel(BankKernel which);
 

@@ -15,7 +15,8 @@ inline int MapIndex(int i, int size, int32_t boundary) {
     case kBoundaryReplicate:
       return i < 0 ? 0 : size - 1;
     case kBoundaryWrap:
-      // The period is size - 1, not size: index -1 reads size - 2. Kept as the design has it.
+      // The period is size - 1, not size: index -1 reads size - 2. Deliberate, and kept. An
+      // index still outside after this one shift (kernel wider than the plane) is left out.
       return i < 0 ? i + (size - 1) : i - (size - 1);
     default:
       return -1;

@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <cassert>
+#include <memory>
 #include <string>
+#include <utility>
 
 #include "fit/kernel_bank.h"
 #include "fit/plane_filter.h"
@@ -19,7 +21,7 @@ void CheckUmfpack(int status, const char* step) {
   std::string why;
   switch (status) {
     case UMFPACK_WARNING_singular_matrix:
-      why = "the system is singular (are all weights zero?)";
+      why = "the system is singular";
       break;
     case UMFPACK_ERROR_invalid_matrix:
       why = "the matrix is malformed";
@@ -64,6 +66,8 @@ SparseMatrixCSR buildFilterMatrix(std::span<const double> kernel, int32_t kernel
   m.rowStarts.push_back(1);
   std::vector<int32_t> rowColumns;
   std::vector<double> rowValues;
+  rowColumns.reserve(nonZero.size());
+  rowValues.reserve(nonZero.size());
   for (int y = 0; y < height; ++y) {
     for (int x = 0; x < width; ++x) {
       rowColumns.clear();
@@ -94,69 +98,90 @@ SparseMatrixCSR buildFilterMatrix(std::span<const double> kernel, int32_t kernel
   return m;
 }
 
+// Owners of UMFPACK's symbolic and numeric objects.
+struct SymbolicFree {
+  void operator()(void* symbolic) const { umfpack_di_free_symbolic(&symbolic); }
+};
+struct NumericFree {
+  void operator()(void* numeric) const { umfpack_di_free_numeric(&numeric); }
+};
+using UmfpackSymbolic = std::unique_ptr<void, SymbolicFree>;
+using UmfpackNumeric = std::unique_ptr<void, NumericFree>;
+
 // UMFPACK's factors of (B + diag(w)), held as the transpose in compressed columns: our rows
 // are its columns, and solving with UMFPACK_At solves the system itself.
 struct ThinPlateSystem::Factorisation {
   std::vector<int32_t> columnStarts;  // from 0
   std::vector<int32_t> rowIndices;    // from 0
   std::vector<double> values;
-  void* numeric = nullptr;
-  ~Factorisation() {
-    if (numeric) umfpack_di_free_numeric(&numeric);
-  }
+  UmfpackNumeric numeric;
 };
 
 ThinPlateSystem::ThinPlateSystem(std::span<const double> weights, int32_t width, int32_t height)
-    : factorisation_(std::make_unique<Factorisation>()),
-      weights_(weights.begin(), weights.begin() + static_cast<size_t>(width) * height) {
-  buildKernelBank();
-  SparseMatrixCSR m = buildFilterMatrix(thinPlateStencil(), 5, 5, kCorrelation, width, height);
-  for (int32_t r = 0; r < m.rows; ++r) {
-    for (int32_t e = m.rowStarts[r] - 1; e < m.rowStarts[r + 1] - 1; ++e) {
-      if (m.columnIndices[e] == r + 1) {
-        m.values[e] += weights_[r];
-        break;
-      }
-    }
+    : factorisation_(std::make_unique<Factorisation>()) {
+  assert(width > 0 && height > 0);
+  const size_t n = static_cast<size_t>(width) * height;
+  assert(weights.size() >= n);
+  weights_.assign(weights.begin(), weights.begin() + n);
+  // The stencil sums to zero, so B annihilates constants and needs weights to be regular. The
+  // pivot ratio below does not reliably flag this case on large planes (rounding leaves pivots
+  // of 1e-13 of the largest), so it is refused outright rather than answered with garbage.
+  if (std::all_of(weights_.begin(), weights_.end(), [](double v) { return v == 0.0; })) {
+    throw Error("thin-plate fit: every weight of the " + std::to_string(width) + " x " +
+                std::to_string(height) + " plane is zero, so the system is singular");
   }
-  // UMFPACK wants 0-based indices, ascending within each compressed column.
+  SparseMatrixCSR m = buildFilterMatrix(thinPlateStencil(), 5, 5, kCorrelation, width, height);
+
+  // UMFPACK wants 0-based indices, ascending within each compressed column. The weight goes
+  // onto the diagonal entry; where clamped taps cancelled on the diagonal (a 1 x 1 plane) the
+  // entry is missing and is put back, so the system stays B + diag(w).
   Factorisation& f = *factorisation_;
   f.columnStarts.resize(m.rowStarts.size());
-  f.rowIndices.resize(m.columnIndices.size());
-  f.values.resize(m.values.size());
+  f.rowIndices.reserve(m.columnIndices.size() + 1);
+  f.values.reserve(m.values.size() + 1);
   std::vector<std::pair<int32_t, double>> entries;
+  entries.reserve(26);
   for (int32_t r = 0; r < m.rows; ++r) {
-    const int32_t begin = m.rowStarts[r] - 1, end = m.rowStarts[r + 1] - 1;
-    f.columnStarts[r] = begin;
+    f.columnStarts[r] = static_cast<int32_t>(f.rowIndices.size());
     entries.clear();
-    for (int32_t e = begin; e < end; ++e) entries.emplace_back(m.columnIndices[e] - 1, m.values[e]);
+    bool diagonal = false;
+    for (int32_t e = m.rowStarts[r] - 1; e < m.rowStarts[r + 1] - 1; ++e) {
+      const int32_t column = m.columnIndices[e] - 1;
+      double value = m.values[e];
+      if (column == r) {
+        value += weights_[r];
+        diagonal = true;
+      }
+      entries.emplace_back(column, value);
+    }
+    if (!diagonal) entries.emplace_back(r, weights_[r]);
     std::sort(entries.begin(), entries.end());
-    for (int32_t e = begin; e < end; ++e) {
-      f.rowIndices[e] = entries[e - begin].first;
-      f.values[e] = entries[e - begin].second;
+    for (const auto& [row, value] : entries) {
+      f.rowIndices.push_back(row);
+      f.values.push_back(value);
     }
   }
-  f.columnStarts[m.rows] = m.rowStarts[m.rows] - 1;
+  f.columnStarts[m.rows] = static_cast<int32_t>(f.rowIndices.size());
 
   // The stencil's pattern is symmetric (only the clamped values are not): ordering A + A^T
-  // with nested dissection suits such grid matrices far better than the unsymmetric default.
+  // with AMD suits these grid matrices far better than the unsymmetric default (measured on
+  // a 216 x 1000 strip: a third fewer flops; METIS orders better but takes longer).
   double control[UMFPACK_CONTROL];
   umfpack_di_defaults(control);
   control[UMFPACK_STRATEGY] = UMFPACK_STRATEGY_SYMMETRIC;
   control[UMFPACK_ORDERING] = UMFPACK_ORDERING_AMD;
-  void* symbolic = nullptr;
+  void* symbolicHandle = nullptr;
   int status = umfpack_di_symbolic(m.rows, m.columns, f.columnStarts.data(), f.rowIndices.data(),
-                                   f.values.data(), &symbolic, control, nullptr);
-  if (status != UMFPACK_OK) {
-    if (symbolic) umfpack_di_free_symbolic(&symbolic);
-    CheckUmfpack(status, "ordering");
-  }
+                                   f.values.data(), &symbolicHandle, control, nullptr);
+  const UmfpackSymbolic symbolic(symbolicHandle);
+  CheckUmfpack(status, "ordering");
   double info[UMFPACK_INFO];
-  status = umfpack_di_numeric(f.columnStarts.data(), f.rowIndices.data(), f.values.data(), symbolic,
-                              &f.numeric, nullptr, info);
-  umfpack_di_free_symbolic(&symbolic);
-  // Rounding rarely leaves an exact zero pivot, so a numerically singular system (weights all
-  // zero: the stencil alone annihilates constants) is recognised by its pivot ratio instead.
+  void* numericHandle = nullptr;
+  status = umfpack_di_numeric(f.columnStarts.data(), f.rowIndices.data(), f.values.data(),
+                              symbolic.get(), &numericHandle, control, info);
+  f.numeric.reset(numericHandle);
+  // A second guard for other near-singular weightings: an exact zero pivot is reported as a
+  // warning, a tiny one by the pivot ratio.
   if (status == UMFPACK_OK && !(info[UMFPACK_RCOND] > kSingularPivotRatio)) {
     status = UMFPACK_WARNING_singular_matrix;
   }
@@ -172,7 +197,7 @@ void ThinPlateSystem::Solve(std::span<const double> data, std::span<double> outp
   const Factorisation& f = *factorisation_;
   CheckUmfpack(
       umfpack_di_solve(UMFPACK_At, f.columnStarts.data(), f.rowIndices.data(), f.values.data(),
-                       solution.data(), rhs.data(), f.numeric, nullptr, nullptr),
+                       solution.data(), rhs.data(), f.numeric.get(), nullptr, nullptr),
       "solve");
   std::copy(solution.begin(), solution.end(), output.begin());
 }

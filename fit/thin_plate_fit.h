@@ -39,14 +39,16 @@ struct ThinPlateRequest {
 // same weights (the colour channels of one image).
 class ThinPlateSystem {
  public:
-  // Assembles and factorises the system; throws marlith::Error when UMFPACK cannot factorise
-  // it (for example all weights zero: the stencil alone is singular).
+  // Assembles and factorises the system for a width x height weight plane (copied). Throws
+  // marlith::Error when every weight is zero (the stencil alone annihilates constants) or when
+  // UMFPACK reports a failure or a singular factorisation.
   ThinPlateSystem(std::span<const double> weights, int32_t width, int32_t height);
   ~ThinPlateSystem();
   ThinPlateSystem(const ThinPlateSystem&) = delete;
   ThinPlateSystem& operator=(const ThinPlateSystem&) = delete;
 
-  // Solves for data d into output (which may be d itself).
+  // Solves for data d into output (which may be d itself); both width x height. Several data
+  // planes may be solved with one system; each result equals a fresh fitThinPlate.
   void Solve(std::span<const double> data, std::span<double> output) const;
 
  private:
