@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <random>
 
@@ -53,7 +54,34 @@ TEST(BuildFilterMatrix, MergesClampedTapsAndDropsZeroSums) {
   // The thin-plate stencil: 13 entries inside, fewer where clamped taps merge at the corner.
   const SparseMatrixCSR b = buildFilterMatrix(thinPlateStencil(), 5, 5, 2, 9, 9);
   EXPECT_EQ(b.rowStarts[4 * 9 + 4 + 1] - b.rowStarts[4 * 9 + 4], 13);
-  EXPECT_LT(b.rowStarts[1] - b.rowStarts[0], 13);
+  // Row 0 of the 9 x 9 plane, worked out by hand: taps clamped onto pixel (0, 0) sum to
+  // 1 + 2 - 8 + 1 - 8 + 20 = 8, onto (1, 0) to 2 - 8, onto (0, 1) to 2 - 8; in the order met.
+  ASSERT_EQ(b.rowStarts[1] - b.rowStarts[0], 6);
+  const std::vector<int> columns(b.columnIndices.begin(), b.columnIndices.begin() + 6);
+  const std::vector<double> values(b.values.begin(), b.values.begin() + 6);
+  EXPECT_EQ(columns, (std::vector<int>{1, 2, 3, 10, 11, 19}));
+  EXPECT_EQ(values, (std::vector<double>{8, -6, 1, -6, 2, 1}));
+}
+
+// B x straight from the stencil's definition: the 5 x 5 biharmonic taps (the value 20 at the
+// centre, -8 on the four neighbours, 2 on the diagonals, 1 two steps out), neighbours clamped
+// into the plane.
+std::vector<double> BiharmonicTimes(const std::vector<double>& x, int W, int H) {
+  struct Tap {
+    int dx, dy;
+    double v;
+  };
+  const Tap taps[] = {{0, 0, 20},  {-1, 0, -8}, {1, 0, -8}, {0, -1, -8}, {0, 1, -8},
+                      {-1, -1, 2}, {1, -1, 2},  {-1, 1, 2}, {1, 1, 2},   {-2, 0, 1},
+                      {2, 0, 1},   {0, -2, 1},  {0, 2, 1}};
+  std::vector<double> y(W * H, 0.0);
+  for (int r = 0; r < H; ++r)
+    for (int c = 0; c < W; ++c)
+      for (const Tap& t : taps) {
+        const int rr = std::clamp(r + t.dy, 0, H - 1), cc = std::clamp(c + t.dx, 0, W - 1);
+        y[r * W + c] += t.v * x[rr * W + cc];
+      }
+  return y;
 }
 
 TEST(FitThinPlate, SolvesTheWeightedSystem) {
@@ -62,9 +90,8 @@ TEST(FitThinPlate, SolvesTheWeightedSystem) {
   const auto w = test::RandomValues(W * H, 4, 0.0, 1.0);
   std::vector<double> x(W * H);
   fitThinPlate({d, x, w, W, H});
-  // (B + diag(w)) x - w d, with B x from the filter itself.
-  std::vector<double> bx(W * H);
-  filterPlane({x, bx, W, H, 1.0, thinPlateStencil(), 5, 5, kBoundaryReplicate, kCorrelation});
+  // (B + diag(w)) x - w d, with B x from the stencil's definition.
+  const auto bx = BiharmonicTimes(x, W, H);
   double residual = 0.0, scale = 0.0;
   for (int i = 0; i < W * H; ++i) {
     residual = std::max(residual, std::fabs(bx[i] + w[i] * x[i] - w[i] * d[i]));
@@ -85,6 +112,65 @@ TEST(FitThinPlate, FillsGapsInConstantDataWithTheConstantAndRefusesZeroWeights) 
   for (double v : x) EXPECT_NEAR(v, 0.25, 1e-12);
   std::fill(w.begin(), w.end(), 0.0);
   EXPECT_THROW(fitThinPlate({d, x, w, W, H}), Error);
+  // Also on a plane large enough that rounding hides the zero pivots.
+  const std::vector<double> zeros(240 * 200, 0.0);
+  std::vector<double> big(zeros.size());
+  EXPECT_THROW(fitThinPlate({zeros, big, zeros, 240, 200}), Error);
+}
+
+TEST(FitThinPlate, OnOnePixelReturnsTheData) {
+  // Every tap lands on the one pixel and cancels, so the system is w x = w d.
+  const std::vector<double> d = {0.375}, w = {0.5};
+  std::vector<double> x = {0.0};
+  fitThinPlate({d, x, w, 1, 1});
+  EXPECT_NEAR(x[0], 0.375, 1e-15);
+}
+
+TEST(FitThinPlate, CommutesWithMirroringAndTransposition) {
+  // The clamped stencil is symmetric under both mirrors and the transpose, so mirrored or
+  // transposed data and weights give the mirrored or transposed fit. Catches mixed-up axes.
+  const int W = 11, H = 7;
+  const auto d = test::RandomValues(W * H, 5);
+  auto w = test::RandomValues(W * H, 6, 0.0, 1.0);
+  for (int i = 0; i < W * H; i += 3) w[i] = 0.0;  // gaps to fill
+  std::vector<double> x(W * H);
+  fitThinPlate({d, x, w, W, H});
+  std::vector<double> dm(W * H), wm(W * H), dt(W * H), wt(W * H), xm(W * H), xt(W * H);
+  for (int r = 0; r < H; ++r)
+    for (int c = 0; c < W; ++c) {
+      dm[r * W + (W - 1 - c)] = d[r * W + c];
+      wm[r * W + (W - 1 - c)] = w[r * W + c];
+      dt[c * H + r] = d[r * W + c];
+      wt[c * H + r] = w[r * W + c];
+    }
+  fitThinPlate({dm, xm, wm, W, H});
+  fitThinPlate({dt, xt, wt, H, W});
+  double scale = 0.0;
+  for (double v : x) scale = std::max(scale, std::fabs(v));
+  for (int r = 0; r < H; ++r)
+    for (int c = 0; c < W; ++c) {
+      EXPECT_NEAR(xm[r * W + (W - 1 - c)], x[r * W + c], 1e-10 * scale);
+      EXPECT_NEAR(xt[c * H + r], x[r * W + c], 1e-10 * scale);
+    }
+}
+
+TEST(ThinPlateSystem, SolvesSeveralDataPlanesLikeSeparateFits) {
+  const int W = 9, H = 10;
+  const auto w = test::RandomValues(W * H, 7, 0.0, 1.0);
+  const auto d1 = test::RandomValues(W * H, 8), d2 = test::RandomValues(W * H, 9);
+  const ThinPlateSystem system(w, W, H);
+  std::vector<double> x1(W * H), x2(W * H), y1(W * H), y2(W * H), sum(W * H);
+  system.Solve(d1, x1);
+  system.Solve(d2, x2);
+  fitThinPlate({d1, y1, w, W, H});
+  fitThinPlate({d2, y2, w, W, H});
+  EXPECT_EQ(x1, y1);
+  EXPECT_EQ(x2, y2);
+  // The fit is linear in the data.
+  std::vector<double> d3(W * H);
+  for (int i = 0; i < W * H; ++i) d3[i] = 2.0 * d1[i] - d2[i];
+  system.Solve(d3, sum);
+  for (int i = 0; i < W * H; ++i) EXPECT_NEAR(sum[i], 2.0 * x1[i] - x2[i], 1e-11);
 }
 
 }  // namespace
