@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <numeric>
+#include <vector>
 
 namespace marlith {
 namespace {
@@ -27,6 +28,14 @@ TEST(KernelBank, HoldsTheSmoothingKernelsByIdAndNothingElse) {
         EXPECT_DOUBLE_EQ(k->kernel[y * size + x],
                          k->kernel[(size - 1 - y) * size + (size - 1 - x)]);
   }
+  // Id 1 is the outer product of (1, 2, 1) / 4.
+  const auto& b3 = smoothingKernel(1)->kernel;
+  EXPECT_EQ(b3[0], 1.0 / 16);
+  EXPECT_EQ(b3[1], 2.0 / 16);
+  EXPECT_EQ(b3[4], 4.0 / 16);
+  // Gaussian 3: neighbouring taps on the centre row fall as exp(-1 / (2 sigma^2)), sigma 1.465.
+  const auto& g3 = smoothingKernel(3)->kernel;
+  EXPECT_NEAR(g3[4 * 9 + 5] / g3[4 * 9 + 4], std::exp(-1.0 / (2 * 1.465 * 1.465)), 1e-12);
   // The 5 x 5 binomial is the outer product of (1, 4, 6, 4, 1) / 16.
   EXPECT_DOUBLE_EQ(smoothingKernel(2)->kernel[2 * 5 + 1], 6.0 * 4.0 / 256.0);
   // Gaussian 6: neighbouring taps on the centre row fall as exp(-1 / (2 sigma^2)), sigma 3.1.
@@ -52,6 +61,12 @@ TEST(KernelBank, NamedKernelsAndReleaseClearsTheBuiltFlag) {
   EXPECT_DOUBLE_EQ(binomial5.kernel[1], 0.25);
   EXPECT_NEAR(Sum(bankKernel(BankKernel::kGaussian15Sigma24)), 1.0, 1e-14);
   EXPECT_EQ(bankKernel(BankKernel::kForwardDifferenceY).height, 3);
+  const auto difference = bankKernel(BankKernel::kForwardDifferenceX);
+  EXPECT_EQ(difference.width, 3);
+  EXPECT_EQ(std::vector<double>(difference.kernel.begin(), difference.kernel.end()),
+            (std::vector<double>{0, 1, -1}));
+  const auto g085 = bankKernel(BankKernel::kGaussian7Sigma085).kernel;
+  EXPECT_NEAR(g085[3 * 7 + 4] / g085[3 * 7 + 3], std::exp(-1.0 / (2 * 0.85 * 0.85)), 1e-12);
   EXPECT_EQ(Sum(bankKernel(BankKernel::kCross)), 1.0);
   releaseKernelBank();
   EXPECT_FALSE(kernelBankBuilt());
