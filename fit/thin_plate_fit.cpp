@@ -15,9 +15,14 @@
 namespace marlith {
 namespace {
 
-// Every UMFPACK status passes through here.
+// Every UMFPACK status passes through here. Status is checked rather than ignored: a singular
+// system would otherwise hand back a plane of garbage or infinities without a word. The two
+// determinant warnings say nothing about the solution and pass.
 void CheckUmfpack(int status, const char* step) {
-  if (status == UMFPACK_OK) return;
+  if (status == UMFPACK_OK || status == UMFPACK_WARNING_determinant_underflow ||
+      status == UMFPACK_WARNING_determinant_overflow) {
+    return;
+  }
   std::string why;
   switch (status) {
     case UMFPACK_WARNING_singular_matrix:
