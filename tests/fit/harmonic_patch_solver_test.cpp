@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <random>
+#include <string>
 
 #include "support/test_support.h"
 
@@ -89,6 +91,89 @@ TEST(SolveGridPoisson, AgreesWithADirectSolveOfTheSameDiscreteProblem) {
       }
 }
 
+// A patch whose four side arrays are sampled from f (x, y in samples).
+template <typename F>
+HarmonicPatch PatchFrom(int W, int H, const std::string& code, F f) {
+  HarmonicPatch p;
+  p.width = W;
+  p.height = H;
+  p.code = code;
+  for (int i = 0; i < W; ++i) {
+    p.firstRow.push_back(f(i, 0));
+    p.lastRow.push_back(f(i, H - 1));
+  }
+  for (int j = 0; j < H; ++j) {
+    p.firstColumn.push_back(f(0, j));
+    p.lastColumn.push_back(f(W - 1, j));
+  }
+  return p;
+}
+
+TEST(SolvePoissonPatch, AgreesWithADirectSolveOnOddPatchesAndIgnoresNeumannArrays) {
+  for (const std::string code : {"DDDD", "NNDD", "DDNN"})
+    for (auto [W, H] : {std::pair{5, 7}, std::pair{9, 9}, std::pair{11, 5}}) {
+      const auto data = test::RandomValues(W * H, W * 13 + H);
+      auto f = [&](int x, int y) { return data[y * W + x]; };
+      HarmonicPatch p = PatchFrom(W, H, code, f);
+      // The reference sees the Dirichlet sides only; the solver must not read Neumann arrays.
+      std::vector<double> sides(W * H, 0.0);
+      for (int j = 0; j < H; ++j)
+        for (int i = 0; i < W; ++i) {
+          const bool columnSide = (i == 0 || i == W - 1) && code[0] == 'D';
+          const bool rowSide = (j == 0 || j == H - 1) && code[2] == 'D';
+          if (columnSide || rowSide) sides[j * W + i] = f(i, j);
+        }
+      if (code[0] == 'N') std::fill(p.firstColumn.begin(), p.firstColumn.end(), 1e3);
+      if (code[2] == 'N') std::fill(p.lastRow.begin(), p.lastRow.end(), -1e3);
+      const auto rhs = test::RandomValues(W * H, 99, -0.2, 0.2);
+      const auto expected = DenseReference(sides, W - 1, H - 1, code, rhs);
+      solvePoissonPatch(p, rhs);
+      ASSERT_EQ(p.solution.size(), expected.size());
+      double diff = 0.0, scale = 0.0;
+      for (size_t k = 0; k < expected.size(); ++k) {
+        diff = std::max(diff, std::fabs(p.solution[k] - expected[k]));
+        scale = std::max(scale, std::fabs(expected[k]));
+      }
+      EXPECT_LT(diff, 1e-9 * scale) << code << " " << W << "x" << H;
+    }
+}
+
+TEST(SolvePoissonPatch, GivesBackDataFromItsOwnLaplacianOnASquareGrid) {
+  // On a square grid the right-hand side in sample units, scaled by nx ny, is the unit-square
+  // Laplacian: quadratic data, whose 3 x 3 Laplacian is exact, comes back from its sides. The
+  // 3 x 3 Laplacian of a x^2 + b y^2 + c x y is 2a + 2b everywhere.
+  const int N = 9;
+  const double a = 0.004, b = -0.003, c = 0.002;
+  auto q = [&](double x, double y) { return 0.5 + a * x * x + b * y * y + c * x * y; };
+  HarmonicPatch p = PatchFrom(N, N, "DDDD", q);
+  solvePoissonPatch(p, std::vector<double>(N * N, 2 * a + 2 * b));
+  for (int j = 0; j < N; ++j)
+    for (int i = 0; i < N; ++i) EXPECT_NEAR(p.solution[j * N + i], q(i, j), 1e-12) << i << "," << j;
+  // Neumann sides: data varying along the Dirichlet axis only has a zero normal derivative
+  // there, so it comes back too.
+  auto rows = [&](double, double y) { return 0.2 + a * y * y; };
+  HarmonicPatch n1 = PatchFrom(N, N, "NNDD", rows);
+  solvePoissonPatch(n1, std::vector<double>(N * N, 2 * a));
+  auto columns = [&](double x, double) { return 0.2 + b * x * x; };
+  HarmonicPatch n2 = PatchFrom(N, N, "DDNN", columns);
+  solvePoissonPatch(n2, std::vector<double>(N * N, 2 * b));
+  for (int j = 0; j < N; ++j)
+    for (int i = 0; i < N; ++i) {
+      EXPECT_NEAR(n1.solution[j * N + i], rows(i, j), 1e-12) << i << "," << j;
+      EXPECT_NEAR(n2.solution[j * N + i], columns(i, j), 1e-12) << i << "," << j;
+    }
+}
+
+TEST(SolveHarmonicPatch, ASingleColumnWithNeumannSidesIsAStraightLine) {
+  // One sample wide there is no difference across the columns: the fill is the 1-D harmonic
+  // function between the first and last rows.
+  HarmonicPatch p = PatchFrom(1, 5, "NNDD", [](int, int y) { return y == 0 ? 2.0 : -6.0; });
+  solveHarmonicPatch(p);
+  const double expected[] = {2.0, 0.0, -2.0, -4.0, -6.0};
+  ASSERT_EQ(p.solution.size(), 5u);
+  for (int j = 0; j < 5; ++j) EXPECT_NEAR(p.solution[j], expected[j], 1e-12) << j;
+}
+
 TEST(SolveHarmonicPatch, ReproducesBilinearDataOnOddAndEvenPatches) {
   // u = a + b x + c y + d x y is discrete-harmonic for any spacing: the fill reproduces it
   // from its sides, also through the resampling of even sizes.
@@ -122,6 +207,18 @@ TEST(ResampleLinear, KeepsEndPointsAndLinesAndInterpolatesBetween) {
   EXPECT_EQ(down[1], 0.0);
   const auto mid = resampleLinear(std::vector<double>{0.0, 10.0}, 5);
   EXPECT_DOUBLE_EQ(mid[1], 2.5);
+  // Down to fewer points: a line stays a line, ends kept bit for bit.
+  const std::vector<double> ramp = {0.1, 0.4, 0.7, 1.0, 1.3, 1.6};  // 0.1 + 0.3 k
+  const auto fewer = resampleLinear(ramp, 4);                       // positions 0, 5/3, 10/3, 5
+  EXPECT_EQ(fewer[0], 0.1);
+  EXPECT_EQ(fewer[3], 1.6);
+  EXPECT_NEAR(fewer[1], 0.6, 1e-15);
+  EXPECT_NEAR(fewer[2], 1.1, 1e-15);
+  // A kink between samples is interpolated, not reproduced: 0, 1, 0 at 0, 1/2, 1 of 3 points.
+  const auto kink = resampleLinear(std::vector<double>{0.0, 1.0, 0.0}, 4);  // 0, 2/3, 4/3, 2
+  EXPECT_NEAR(kink[1], 2.0 / 3.0, 1e-15);
+  EXPECT_NEAR(kink[2], 2.0 / 3.0, 1e-15);
+  EXPECT_EQ(resampleLinear(std::vector<double>{4.5}, 3), (std::vector<double>{4.5, 4.5, 4.5}));
 }
 
 }  // namespace
