@@ -1,6 +1,7 @@
 #include "fit/surface_fit.h"
 
 #include <algorithm>
+#include <cassert>
 #include <vector>
 
 #include "fit/harmonic_patch_solver.h"
@@ -29,6 +30,8 @@ std::vector<double> LinearSide(double start, double end, int n) {
 int32_t FitSurface(const SurfaceFitRequest& r, SideMode mode) {
   const int W = r.width, H = r.height;
   const size_t n = static_cast<size_t>(W) * H;
+  assert(W >= 1 && H >= 1);
+  assert(r.input.size() >= n && r.output.size() >= n && r.mask.size() >= n);
   const bool inPlace = r.input.data() == r.output.data();
   std::vector<double> privatePlane;
   if (inPlace) privatePlane.assign(r.input.begin(), r.input.begin() + n);
@@ -49,6 +52,7 @@ int32_t FitSurface(const SurfaceFitRequest& r, SideMode mode) {
     y1 = H - 1;
     shape = kFullHeight;
   }
+  assert(0 <= x0 && x0 <= x1 && x1 < W && 0 <= y0 && y0 <= y1 && y1 < H);
   HarmonicPatch patch;
   patch.width = x1 - x0 + 1;
   patch.height = y1 - y0 + 1;
@@ -112,6 +116,7 @@ int32_t FitSurface(const SurfaceFitRequest& r, SideMode mode) {
   // Smoothing stages: filter, then put the known data back under the mask.
   const KernelDescriptor* kernel = nullptr;
   int32_t orientation = kCorrelation;
+  std::vector<double> filtered;  // made once, on the first stage that filters
   for (int s = 0; s < schedule.count; ++s) {
     const SurfaceFitStage& stage = schedule.stages[s];
     // An id without a kernel keeps the previous stage's kernel (and orientation) in force.
@@ -119,11 +124,14 @@ int32_t FitSurface(const SurfaceFitRequest& r, SideMode mode) {
       kernel = selected;
       orientation = OrientationOf(stage.filterId);
     }
-    if (!kernel || kernel->empty()) continue;
+    if (!kernel || kernel->empty() || stage.repeats <= 0) continue;
+    filtered.resize(n);
     for (int k = 0; k < stage.repeats; ++k) {
-      filterPlane({work, work, W, H, 1.0, kernel->kernel, kernel->width, kernel->height,
+      filterPlane({work, filtered, W, H, 1.0, kernel->kernel, kernel->width, kernel->height,
                    kBoundaryReplicate, orientation});
-      for (size_t i = 0; i < n; ++i) work[i] = r.mask[i] * r.input[i] + (1.0 - r.mask[i]) * work[i];
+      // The data is read from the input, which the working plane never aliases.
+      for (size_t i = 0; i < n; ++i)
+        work[i] = r.mask[i] * r.input[i] + (1.0 - r.mask[i]) * filtered[i];
     }
   }
   if (inPlace) std::copy(privatePlane.begin(), privatePlane.end(), r.output.begin());
@@ -141,6 +149,8 @@ ResolvedStages resolveSurfaceFitStages(const SurfaceFitRequest& r) {
     out.stages[0] = {6, first};
     out.stages[1] = {r.stageCount == -1 ? 1 : 1024, std::max(iterations - first, 0)};
   } else {
+    // A count outside 0..10 (other than the two defaults) is a caller's slip; clamping keeps
+    // the stage loop inside the fixed table rather than reading past it.
     out.count = std::clamp(r.stageCount, 0, 10);
     out.stages = r.stages;
   }

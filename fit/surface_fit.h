@@ -36,8 +36,19 @@ struct ResolvedStages {
 };
 ResolvedStages resolveSurfaceFitStages(const SurfaceFitRequest& request);
 
-// Full-width and full-height rectangles take their open sides as straight lines between the
-// corner values ("DDDD"). Returns 0.
+// The three fits below, in order: copy the input into the output (through a private plane when
+// they are the same plane); fill the rectangle [x0, x1] x [y0, y1] with a harmonic patch whose
+// sides inside the image are the data's; then run the smoothing stages, each selecting a kernel
+// by filter id (1 to 6 of the bank; 1024 selects the empty kernel, which does nothing; any other
+// id keeps the previous stage's kernel, or nothing) and repeating "filter with edge replication,
+// then output = mask x input + (1 - mask) x output". The request is not modified: the default
+// schedule is resolved into a local copy (nothing reads it back). The kernel bank is built on
+// first use. input, output and mask hold width x height values; the rectangle lies inside.
+
+// Full-width and full-height rectangles take their open sides from the side's two corner
+// values, start (first row or column) and end: entry 0 = start, entry n = end and, between,
+// entry k = ((n - k) end + k start) / n. The blend runs from the end back towards the start on
+// purpose. Code "DDDD" always. Returns 0.
 int32_t fitSurfaceLinearSides(const SurfaceFitRequest& request);
 // Full-width rectangles get a zero normal derivative on their column sides ("NNDD"),
 // full-height ones on their row sides ("DDNN"). Returns 0.

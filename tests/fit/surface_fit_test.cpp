@@ -3,10 +3,13 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
 #include <random>
+#include <tuple>
 
+#include "image/image_container.h"
 #include "support/test_support.h"
 
 namespace marlith {
@@ -108,6 +111,113 @@ TEST(FitSurface, LinearSidesBlendFromTheEndValueBackTowardsTheStart) {
   }
 }
 
+TEST(FitSurface, LinearSidesOfAFullHeightRectangleBlendTheRowsCornersBackwards) {
+  // Columns 1..5 of a 7 x 7 plane over all rows: the first row side runs from the corner at
+  // column 1 (start 0) to the one at column 5 (end 1), n = 4: 0, 0.75, 0.5, 0.25, 1. The last
+  // row side from 2 to 4: 2, 3.5, 3, 2.5, 4. The data between the corners is not used.
+  const int W = 7, H = 7;
+  std::vector<double> in(W * H, 9.0), out(W * H), mask(W * H, 0.0);
+  in[0 * W + 1] = 0.0;
+  in[0 * W + 5] = 1.0;
+  in[6 * W + 1] = 2.0;
+  in[6 * W + 5] = 4.0;
+  auto r = Request(in, out, mask, W, H);
+  r.stageCount = 0;
+  r.x0 = 1;
+  r.x1 = 5;
+  r.y0 = -1;
+  r.y1 = 3;  // ignored
+  fitSurfaceLinearSides(r);
+  const double top[] = {0.0, 0.75, 0.5, 0.25, 1.0};
+  const double bottom[] = {2.0, 3.5, 3.0, 2.5, 4.0};
+  for (int k = 0; k < 5; ++k) {
+    EXPECT_DOUBLE_EQ(out[0 * W + 1 + k], top[k]) << k;
+    EXPECT_DOUBLE_EQ(out[6 * W + 1 + k], bottom[k]) << k;
+  }
+  for (int y = 0; y < H; ++y) {  // outside the rectangle: the data
+    EXPECT_EQ(out[y * W], 9.0);
+    EXPECT_EQ(out[y * W + 6], 9.0);
+  }
+}
+
+// Trapezoid-weighted mean of n values taken every stride from p: half weight at both ends.
+double TrapezoidMean(const double* p, int n, int stride) {
+  double sum = 0.5 * (p[0] + p[(n - 1) * stride]);
+  for (int k = 1; k < n - 1; ++k) sum += p[k * stride];
+  return sum / (n - 1);
+}
+
+TEST(FitSurface, NeumannSidesLeaveTheTrapezoidMeanAcrossThemLinear) {
+  // Summing the 5-point equations across a direction with mirrored (zero-derivative) ends,
+  // with half weights at the ends, cancels that direction's differences: the weighted mean of
+  // each row (full width) or column (full height) is linear between the Dirichlet sides. With
+  // any Dirichlet column sides this fails on noisy data.
+  const int W = 11, H = 9;
+  const auto in = Noisy(W, H, 21);
+  std::vector<double> out(W * H), mask(W * H, 0.0);
+  auto r = Request(in, out, mask, W, H);
+  r.stageCount = 0;
+  r.x0 = -1;
+  r.y0 = 1;
+  r.y1 = 7;  // a 11 x 7 patch: odd sizes, no resampling
+  fitSurfaceNeumannSides(r);
+  const double first = TrapezoidMean(&in[1 * W], W, 1), last = TrapezoidMean(&in[7 * W], W, 1);
+  for (int y = 1; y <= 7; ++y)
+    EXPECT_NEAR(TrapezoidMean(&out[y * W], W, 1), first + (last - first) * (y - 1) / 6.0, 1e-12)
+        << y;
+  for (int x = 0; x < W; ++x) {
+    EXPECT_EQ(out[x], in[x]);
+    EXPECT_EQ(out[8 * W + x], in[8 * W + x]);
+  }
+  // Full height: columns 2..8 (a 7 x 9 patch), the column means linear in x.
+  r.x0 = 2;
+  r.x1 = 8;
+  r.y0 = -1;
+  fitSurfaceNeumannSides(r);
+  const double left = TrapezoidMean(&in[2], H, W), right = TrapezoidMean(&in[8], H, W);
+  for (int x = 2; x <= 8; ++x)
+    EXPECT_NEAR(TrapezoidMean(&out[x], H, W), left + (right - left) * (x - 2) / 6.0, 1e-12) << x;
+}
+
+// One step of the 3 x 3 binomial with edge replication, written out directly.
+std::vector<double> Binomial3(const std::vector<double>& p, int W, int H) {
+  const double w[3] = {0.25, 0.5, 0.25};
+  std::vector<double> q(W * H, 0.0);
+  for (int y = 0; y < H; ++y)
+    for (int x = 0; x < W; ++x)
+      for (int j = -1; j <= 1; ++j)
+        for (int i = -1; i <= 1; ++i) {
+          const int yy = std::clamp(y + j, 0, H - 1), xx = std::clamp(x + i, 0, W - 1);
+          q[y * W + x] += w[j + 1] * w[i + 1] * p[yy * W + xx];
+        }
+  return q;
+}
+
+TEST(FitSurface, EachSmoothingStepFiltersThenBlendsUnderTheMask) {
+  const int W = 10, H = 8;
+  const auto in = Noisy(W, H, 8);
+  std::vector<double> mask(W * H);
+  for (int i = 0; i < W * H; ++i) mask[i] = (i % 3) * 0.5;  // 0, 0.5, 1
+  std::vector<double> filled(W * H), smoothed(W * H);
+  auto r = Request(in, filled, mask, W, H);
+  r.stageCount = 0;
+  r.x0 = 2;
+  r.x1 = 6;
+  r.y0 = 1;
+  r.y1 = 5;
+  fitSurfaceNeumannSides(r);
+  r.output = smoothed;
+  r.stageCount = 1;
+  r.stages[0] = {1, 2};
+  fitSurfaceNeumannSides(r);
+  std::vector<double> expected = filled;
+  for (int step = 0; step < 2; ++step) {
+    const auto f = Binomial3(expected, W, H);
+    for (int i = 0; i < W * H; ++i) expected[i] = mask[i] * in[i] + (1 - mask[i]) * f[i];
+  }
+  for (int i = 0; i < W * H; ++i) EXPECT_NEAR(smoothed[i], expected[i], 1e-14) << i;
+}
+
 TEST(FitSurface, SmoothingKeepsMaskedDataExactlyAndCarriesKernelsOver) {
   const int W = 15, H = 11;
   const auto in = Noisy(W, H, 3);
@@ -154,7 +264,17 @@ TEST(FitSurfaceDebug, WritesTheFilledPlaneToItsDebugImage) {
   r.y0 = 1;
   r.y1 = 5;
   fitSurfaceDebug(r);
-  EXPECT_TRUE(std::filesystem::exists("surfaceFitOut1.png"));
+  ASSERT_TRUE(std::filesystem::exists("surfaceFitOut1.png"));
+  // The image is the filled plane (no smoothing here) at sample x 255, truncated.
+  CxImage saved;
+  ASSERT_TRUE(saved.Load("surfaceFitOut1.png", kImageTypePng));
+  ASSERT_EQ(saved.GetWidth(), W);
+  ASSERT_EQ(saved.GetHeight(), H);
+  for (int y = 0; y < H; ++y)
+    for (int x = 0; x < W; ++x) {
+      const double v = std::clamp(out[y * W + x], 0.0, 1.0) * 255.0;
+      EXPECT_EQ(saved.GetPixelColor(x, y).red, static_cast<int>(v)) << x << "," << y;
+    }
   std::filesystem::current_path(previous);
   // Rows outside the rectangle are untouched; the fill keeps the first and last rows.
   for (int x = 0; x < W; ++x) {
@@ -162,6 +282,35 @@ TEST(FitSurfaceDebug, WritesTheFilledPlaneToItsDebugImage) {
     EXPECT_NEAR(out[W + x], in[W + x], 1e-12);
     EXPECT_NEAR(out[5 * W + x], in[5 * W + x], 1e-12);
   }
+}
+
+TEST(FitSurfaceDebug, PoissonFillGivesBackCubicDataInSquareRectangles) {
+  // The right-hand side is the data's 3 x 3 Laplacian, exact for cubic data away from the
+  // plane's edges (and varying with x and y, so a misplaced cut-out shows); on a square patch
+  // the fill then returns the data. Both ways of cutting the right-hand side: a rectangle
+  // inside a larger plane, and a rectangle that is the plane.
+  test::TempDir dir;
+  const auto previous = std::filesystem::current_path();
+  std::filesystem::current_path(dir.path());
+  auto q = [](double x, double y) {
+    return 0.3 + 0.004 * x * x - 0.002 * y * y + 0.003 * x * y + 2e-4 * x * x * x -
+           1e-4 * y * y * y;
+  };
+  for (auto [W, H, x0, y0, side] :
+       {std::tuple{12, 10, 3, 2, 7}, std::tuple{9, 9, 0, 0, 9}, std::tuple{9, 9, 1, 1, 7}}) {
+    std::vector<double> in(W * H), out(W * H), mask(W * H, 0.0);
+    for (int y = 0; y < H; ++y)
+      for (int x = 0; x < W; ++x) in[y * W + x] = q(x, y);
+    auto r = Request(in, out, mask, W, H);
+    r.stageCount = 0;
+    r.x0 = x0;
+    r.x1 = x0 + side - 1;
+    r.y0 = y0;
+    r.y1 = y0 + side - 1;
+    fitSurfaceDebug(r);
+    for (int i = 0; i < W * H; ++i) EXPECT_NEAR(out[i], in[i], 1e-12) << W << " " << i;
+  }
+  std::filesystem::current_path(previous);
 }
 
 }  // namespace
