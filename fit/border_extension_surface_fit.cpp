@@ -10,8 +10,11 @@
 namespace marlith {
 namespace {
 
-// Fits a strip in place over its full width (x0 = -1; both seam strips are given so) and all its
-// rows, keeping the data where the mask is 1, with the default smoothing schedule.
+// Fits a plane in place over its full width (x0 = -1) and all its rows, keeping the data where
+// the mask is 1. The seam strips are given so by design; the corner block is given the same
+// rectangle, the whole block, since all of it but its data rows is to be made up. Smoothing
+// uses the first default schedule (-1, 50 iterations): the 17 x 17 Gaussian spreads the
+// harmonic fill across the band edges, the 3 x 3 binomial then irons out what is left.
 void FitStrip(std::vector<double>& strip, const std::vector<double>& mask, int w, int h,
               int32_t (*fit)(const SurfaceFitRequest&)) {
   SurfaceFitRequest r;
@@ -28,7 +31,8 @@ void FitStrip(std::vector<double>& strip, const std::vector<double>& mask, int w
   fit(r);
 }
 
-// Where the thin-plate extension weighs a sample, this one keeps it as data (mask 1).
+// Where the thin-plate extension weighs a sample (0.5 or 1.0), this one keeps it as data
+// (mask 1): the fits here re-impose their data outright, and only known samples are weighted.
 std::vector<double> DataMask(std::vector<double> weights) {
   for (double& w : weights) w = w > 0.0 ? 1.0 : 0.0;
   return weights;
