@@ -11,7 +11,7 @@ namespace marlith {
 namespace {
 
 // Fits a plane in place over its full width (x0 = -1) and all its rows, keeping the data where
-// the mask is 1. The seam strips are given so by design; the corner block is given the same
+// the mask is 1. The seam strips are always fitted this way; the corner block is given the same
 // rectangle, the whole block, since all of it but its data rows is to be made up. Smoothing
 // uses the first default schedule (-1, 50 iterations): the 17 x 17 Gaussian spreads the
 // harmonic fill across the band edges, the 3 x 3 binomial then irons out what is left.
