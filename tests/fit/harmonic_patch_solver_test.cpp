@@ -113,7 +113,8 @@ TEST(SolvePoissonPatch, AgreesWithADirectSolveOnOddPatchesAndIgnoresNeumannArray
   for (const std::string code : {"DDDD", "NNDD", "DDNN"})
     for (auto [W, H] : {std::pair{5, 7}, std::pair{9, 9}, std::pair{11, 5}}) {
       const auto data = test::RandomValues(W * H, W * 13 + H);
-      auto f = [&](int x, int y) { return data[y * W + x]; };
+      // Structured bindings cannot be captured before C++20 compilers catch up (clang 14).
+      auto f = [&data, w = W](int x, int y) { return data[y * w + x]; };
       HarmonicPatch p = PatchFrom(W, H, code, f);
       // The reference sees the Dirichlet sides only; the solver must not read Neumann arrays.
       std::vector<double> sides(W * H, 0.0);
