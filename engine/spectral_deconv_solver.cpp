@@ -4,6 +4,7 @@
 #include <cassert>
 #include <chrono>
 #include <cmath>
+#include <numbers>
 #include <string>
 
 #include "engine/plane_padding.h"
@@ -110,28 +111,90 @@ void ShrinkRowWithLocalPrior(const double* cur, const double* below, const doubl
   }
 }
 
-// The per-pixel rule with s m = 0 (v = g, e = 1), written branch-free so that it vectorises;
-// every operation that remains is the one the general rule performs, in the same order.
-inline double ShrinkPlain(double g, double t, const PriorShape& p) {
-  const double tk = t * p.k;
-  const bool negative = g < 0.0;
-  double x1 = negative ? g + tk : g - tk;
-  x1 = negative ? std::min(std::max(x1, -p.l), 0.0) : std::min(std::max(x1, 0.0), p.l);
-  double x2 = g / (2.0 * p.a + 1.0);
-  x2 = negative ? std::min(x2, -p.l) : std::max(x2, p.l);
-  const double e1 = (x1 - g) * (x1 - g) + t * p.k * std::fabs(x1);
-  const double e2 = (x2 - g) * (x2 - g) + t * (p.a * x2 * x2 + p.b);
-  return e2 < e1 ? x2 : x1;
+// The per-pixel rule with s m = 0 (v = g, e = 1), written branch-free so that it vectorises.
+// The rule is odd in g: for g < 0 every candidate, and both energies, are the mirror images of
+// those for |g|, and negation is exact, so it is evaluated on |g| and the sign put back
+// afterwards; adding 0.0 turns the -0.0 that copysign gives a zero result back into the +0.0
+// the general rule's clamps leave (a select on the sign would stop the loop vectorising).
+// Constants of the rule for one value of t, hoisted out of the loop.
+struct PlainShrinkConstants {
+  double tk, t, divisor, l, a, b;
+};
+
+inline double ShrinkPlain(double g, const PlainShrinkConstants c) {
+  const double ag = std::fabs(g);
+  double x1 = ag - c.tk;
+  x1 = x1 < 0.0 ? 0.0 : x1;
+  x1 = c.l < x1 ? c.l : x1;
+  double x2 = ag / c.divisor;
+  x2 = x2 < c.l ? c.l : x2;
+  const double e1 = (x1 - ag) * (x1 - ag) + c.tk * x1;
+  const double e2 = (x2 - ag) * (x2 - ag) + c.t * (c.a * x2 * x2 + c.b);
+  const double r = e2 < e1 ? x2 : x1;
+  return std::copysign(r, g) + 0.0;
 }
 
-void ShrinkRow(const double* cur, const double* below, int W, double t, const PriorShape& p,
-               double* psiX, double* psiY) {
+// The row loop is the solver's heaviest element-wise pass (a division per sample), so it is
+// also built for wider vector units and picked at load time. The file is compiled without
+// floating-point contraction, so every build performs the same roundings.
+__attribute__((target_clones("avx512f", "avx2", "default"))) void ShrinkRow(
+    const double* __restrict cur, const double* __restrict below, int W, double t,
+               const PriorShape& p, double* __restrict psiX, double* __restrict psiY) {
+  const PlainShrinkConstants c{t * p.k, t, 2.0 * p.a + 1.0, p.l, p.a, p.b};
   for (int x = 0; x + 1 < W; ++x) {
-    psiX[x] = ShrinkPlain(cur[x + 1] - cur[x], t, p);
-    psiY[x] = ShrinkPlain(below[x] - cur[x], t, p);
+    psiX[x] = ShrinkPlain(cur[x + 1] - cur[x], c);
+    psiY[x] = ShrinkPlain(below[x] - cur[x], c);
   }
-  psiX[W - 1] = ShrinkPlain(cur[0] - cur[W - 1], t, p);
-  psiY[W - 1] = ShrinkPlain(below[W - 1] - cur[W - 1], t, p);
+  psiX[W - 1] = ShrinkPlain(cur[0] - cur[W - 1], c);
+  psiY[W - 1] = ShrinkPlain(below[W - 1] - cur[W - 1], c);
+}
+
+// The conjugated spectrum of a filter plane whose taps lie in one row or in one column, as a
+// function of u times a function of v. Phases are taken of (index x position) mod size, so
+// they stay accurate on large planes.
+std::vector<Complex> ConjugatePhases(int size, int position) {
+  std::vector<Complex> phases(size);
+  for (int k = 0; k < size; ++k) {
+    const auto turn = static_cast<long long>(k) * position % size;
+    phases[k] = std::polar(1.0, 2.0 * std::numbers::pi * static_cast<double>(turn) / size);
+  }
+  return phases;
+}
+
+void FactorConjugateSpectrum(std::span<const double> plane, int W, int H,
+                             std::vector<Complex>& byColumn, std::vector<Complex>& byRow) {
+  const int Wc = W / 2 + 1;
+  int row = -1, column = -1;
+  bool oneRow = true, oneColumn = true;
+  for (int y = 0; y < H; ++y)
+    for (int x = 0; x < W; ++x) {
+      if (plane[static_cast<size_t>(y) * W + x] == 0.0) continue;
+      oneRow = oneRow && (row < 0 || row == y);
+      oneColumn = oneColumn && (column < 0 || column == x);
+      row = y;
+      column = x;
+    }
+  if (!oneRow && !oneColumn) throw Error("a difference filter has taps off one row and column");
+  auto taps = [&](int size, int count, auto value) {
+    // conj(sum_t f_t exp(-2 pi i k t / size)) for every k.
+    std::vector<Complex> sum(count, Complex(0.0, 0.0));
+    for (int t = 0; t < size; ++t) {
+      const double f = value(t);
+      if (f == 0.0) continue;
+      const auto phases = ConjugatePhases(size, t);
+      for (int k = 0; k < count; ++k) sum[k] += f * phases[k];
+    }
+    return sum;
+  };
+  if (oneRow) {
+    const int y0 = std::max(row, 0);
+    byColumn = taps(W, Wc, [&](int x) { return plane[static_cast<size_t>(y0) * W + x]; });
+    byRow = ConjugatePhases(H, y0);
+  } else {
+    byColumn = ConjugatePhases(W, column);
+    byColumn.resize(Wc);
+    byRow = taps(H, H, [&](int y) { return plane[static_cast<size_t>(y) * W + column]; });
+  }
 }
 
 }  // namespace
@@ -166,20 +229,23 @@ void SpectralDeconvSolver::ResetDefaults() {
 }
 
 void SpectralDeconvSolver::PrecomputeGradientSpectra() {
-  auto filterSpectrum = [&](std::vector<double> filter) {
+  auto shifted = [&](std::vector<double> filter) {
     CircularShiftHalf(filter, filter, width_, height_);
+    return filter;
+  };
+  auto spectrum = [&](const std::vector<double>& filter) {
     auto plane = AllocateFftwBuffer<double>(planeSize_);
     std::copy(filter.begin(), filter.end(), plane.get());
-    auto spectrum = AllocateFftwBuffer<Complex>(spectrumSize_);
-    forwardTransform_->Forward(plane.get(), spectrum.get());
-    return spectrum;
+    auto result = AllocateFftwBuffer<Complex>(spectrumSize_);
+    forwardTransform_->Forward(plane.get(), result.get());
+    return result;
   };
-  auto dx = filterSpectrum(MakeDxFilter(width_, height_));
-  conjDx_ = AllocateFftwBuffer<Complex>(spectrumSize_);
-  ConjugateSpectrum({dx.get(), spectrumSize_}, {conjDx_.get(), spectrumSize_});
-  auto dy = filterSpectrum(MakeDyFilter(width_, height_));
-  conjDy_ = AllocateFftwBuffer<Complex>(spectrumSize_);
-  ConjugateSpectrum({dy.get(), spectrumSize_}, {conjDy_.get(), spectrumSize_});
+  const auto dxFilter = shifted(MakeDxFilter(width_, height_));
+  const auto dyFilter = shifted(MakeDyFilter(width_, height_));
+  FactorConjugateSpectrum(dxFilter, width_, height_, conjDx_.byColumn, conjDx_.byRow);
+  FactorConjugateSpectrum(dyFilter, width_, height_, conjDy_.byColumn, conjDy_.byRow);
+  auto dx = spectrum(dxFilter);
+  auto dy = spectrum(dyFilter);
   gradientPower_.assign(spectrumSize_, 0.0);
   SumSquaredMagnitudes({dx.get(), spectrumSize_}, {dy.get(), spectrumSize_}, gradientPower_);
 
@@ -286,18 +352,24 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
 
   const int W = width_, H = height_;
   const size_t n = planeSize_, nc = spectrumSize_;
-  // Working planes, allocated once per solve. L and the previous L alternate between two
-  // buffers, so keeping the previous estimate costs no copy.
-  auto latentA = AllocateFftwBuffer<double>(n);
-  auto latentB = AllocateFftwBuffer<double>(n);
-  auto psiX = AllocateFftwBuffer<double>(n);
-  auto psiY = AllocateFftwBuffer<double>(n);
-  auto psiXSpectrum = AllocateFftwBuffer<Complex>(nc);
-  auto psiYSpectrum = AllocateFftwBuffer<Complex>(nc);
-  auto latentSpectrum = AllocateFftwBuffer<Complex>(nc);
+  // L and the previous L alternate between two buffers, so keeping the previous estimate costs
+  // no copy. Psix's spectrum becomes L's spectrum in place: the division pass writes each
+  // value where it has just read it.
+  if (!latentA_) {
+    latentA_ = AllocateFftwBuffer<double>(n);
+    latentB_ = AllocateFftwBuffer<double>(n);
+    psiX_ = AllocateFftwBuffer<double>(n);
+    psiY_ = AllocateFftwBuffer<double>(n);
+    psiXSpectrum_ = AllocateFftwBuffer<Complex>(nc);
+    psiYSpectrum_ = AllocateFftwBuffer<Complex>(nc);
+  }
+  double* const psiX = psiX_.get();
+  double* const psiY = psiY_.get();
+  Complex* const psiXSpectrum = psiXSpectrum_.get();
+  Complex* const psiYSpectrum = psiYSpectrum_.get();
   std::vector<double> rowChange(H), rowNorm(H);
-  double* latent = latentA.get();
-  double* previous = latentB.get();
+  double* latent = latentA_.get();
+  double* previous = latentB_.get();
   std::copy_n(imagePlane_, n, latent);
 
   const double q = localPriorWeight;
@@ -312,8 +384,11 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
   const double* gradPower = gradientPower_.data();
   const double* kernelPower = weightedKernelPower_.data();
   const Complex* numerator = weightedNumerator_.get();
-  const Complex* cdx = conjDx_.get();
-  const Complex* cdy = conjDy_.get();
+  const int Wc = W / 2 + 1;
+  const Complex* dxByColumn = conjDx_.byColumn.data();
+  const Complex* dxByRow = conjDx_.byRow.data();
+  const Complex* dyByColumn = conjDy_.byColumn.data();
+  const Complex* dyByRow = conjDy_.byRow.data();
   // The inverse transform's 1 / (W x H) is folded into the spectral division.
   const double inverseScale = 1.0 / static_cast<double>(n);
   const unsigned maxInner = iterationBudget / 2;
@@ -335,29 +410,42 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
         const double* below = latent + static_cast<size_t>(y + 1 == H ? 0 : y + 1) * W;
         if (localPrior) {
           ShrinkRowWithLocalPrior(latent + row, below, refX + row, refY + row, mask + row, W, t, s,
-                                  shape, psiX.get() + row, psiY.get() + row);
+                                  shape, psiX + row, psiY + row);
         } else {
-          ShrinkRow(latent + row, below, W, t, shape, psiX.get() + row, psiY.get() + row);
+          ShrinkRow(latent + row, below, W, t, shape, psiX + row, psiY + row);
         }
       }
       std::swap(latent, previous);
-      forwardTransform_->Forward(psiX.get(), psiXSpectrum.get());
-      forwardTransform_->Forward(psiY.get(), psiYSpectrum.get());
+      forwardTransform_->Forward(psiX, psiXSpectrum);
+      forwardTransform_->Forward(psiY, psiYSpectrum);
       // L^ = (gamma (conj(Dx) Psix^ + conj(Dy) Psiy^) + weighted numerator) / D,
       // D = gamma |D|^2 + weighted |K|^2.
 #pragma omp parallel for schedule(static) num_threads(threads_)
-      for (size_t i = 0; i < nc; ++i) {
-        const Complex px = psiXSpectrum[i], py = psiYSpectrum[i];
-        const double sumRe = cdx[i].real() * px.real() - cdx[i].imag() * px.imag() +
-                             (cdy[i].real() * py.real() - cdy[i].imag() * py.imag());
-        const double sumIm = cdx[i].real() * px.imag() + cdx[i].imag() * px.real() +
-                             (cdy[i].real() * py.imag() + cdy[i].imag() * py.real());
-        const double denominator = gamma * gradPower[i] + kernelPower[i];
-        const double scale = inverseScale / denominator;
-        latentSpectrum[i] = Complex((gamma * sumRe + numerator[i].real()) * scale,
-                                    (gamma * sumIm + numerator[i].imag()) * scale);
+      for (int v = 0; v < H; ++v) {
+        const Complex bx = dxByRow[v], by = dyByRow[v];
+        Complex* __restrict spectrum = psiXSpectrum + static_cast<size_t>(v) * Wc;
+        const Complex* __restrict pyRow = psiYSpectrum + static_cast<size_t>(v) * Wc;
+        const Complex* __restrict numRow = numerator + static_cast<size_t>(v) * Wc;
+        const double* __restrict gpRow = gradPower + static_cast<size_t>(v) * Wc;
+        const double* __restrict kpRow = kernelPower + static_cast<size_t>(v) * Wc;
+        for (int u = 0; u < Wc; ++u) {
+          const Complex ax = dxByColumn[u], ay = dyByColumn[u];
+          const double cxRe = ax.real() * bx.real() - ax.imag() * bx.imag();
+          const double cxIm = ax.real() * bx.imag() + ax.imag() * bx.real();
+          const double cyRe = ay.real() * by.real() - ay.imag() * by.imag();
+          const double cyIm = ay.real() * by.imag() + ay.imag() * by.real();
+          const Complex px = spectrum[u], py = pyRow[u];
+          const double sumRe = cxRe * px.real() - cxIm * px.imag() +
+                               (cyRe * py.real() - cyIm * py.imag());
+          const double sumIm = cxRe * px.imag() + cxIm * px.real() +
+                               (cyRe * py.imag() + cyIm * py.real());
+          const double denominator = gamma * gpRow[u] + kpRow[u];
+          const double scale = inverseScale / denominator;
+          spectrum[u] = Complex((gamma * sumRe + numRow[u].real()) * scale,
+                                (gamma * sumIm + numRow[u].imag()) * scale);
+        }
       }
-      inverseTransform_->InverseUnscaled(latentSpectrum.get(), latent);
+      inverseTransform_->InverseUnscaled(psiXSpectrum, latent);
       // Sums per row, added in row order: the same result for any number of threads.
 #pragma omp parallel for schedule(static) num_threads(threads_)
       for (int y = 0; y < H; ++y) {

@@ -123,8 +123,19 @@ class SpectralDeconvSolver : public DeconvSolver {
   std::unique_ptr<SpectralTransform> forwardTransform_;
   std::unique_ptr<SpectralTransform> inverseTransform_;
 
-  FftwBuffer<Complex> conjDx_, conjDy_, numerator_, conjKernel_, imageSpectrum_;
+  // conj(Dx) and conj(Dy) as byColumn[u] x byRow[v]: the difference filters have their taps
+  // in one row or one column, so their spectra factor, and the inner round reads two short
+  // vectors instead of two complex planes.
+  struct FactoredSpectrum {
+    std::vector<Complex> byColumn, byRow;
+  };
+  FactoredSpectrum conjDx_, conjDy_;
+  FftwBuffer<Complex> numerator_, conjKernel_, imageSpectrum_;
   FftwBuffer<Complex> weightedNumerator_;
+  // Working planes of the solve, obtained on the first solve and reused by every later one
+  // (each channel, each noise level), so their pages are touched once.
+  FftwBuffer<double> latentA_, latentB_, psiX_, psiY_;
+  FftwBuffer<Complex> psiXSpectrum_, psiYSpectrum_;
   std::vector<double> kernelPower_, gradientPower_;
   std::vector<double> unitWeights_, weightedKernelPower_;
   std::vector<double> refGradX_, refGradY_, smoothMask_;
