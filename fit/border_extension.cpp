@@ -22,34 +22,32 @@ std::vector<double> extendPeriodicBorderPlanes(std::span<const double> planes, i
   std::vector<double> padded(paddedSize * channels);
 
   // One factorisation per seam serves every channel: the weights do not depend on the data.
-  // The three factorisations are independent of each other and are the bulk of the work, so
-  // two of them run on other threads (each is deterministic: the result is the same).
-  // BLAS threads inside each factorisation would only oversubscribe the cores (measured: 4x
-  // slower with OpenBLAS's default threads on two cores).
-  // The count is put back afterwards: the rest of the program keeps its BLAS threads.
-  struct BlasThreads {
-    int saved = openblas_get_num_threads();
-    BlasThreads() { openblas_set_num_threads(1); }
-    ~BlasThreads() { openblas_set_num_threads(saved); }
-  } singleThreadedBlas;
-  auto factorise = [](std::vector<double> weights, int w, int h) {
-    return std::make_unique<ThinPlateSystem>(weights, w, h);
-  };
-  auto tbFuture = std::async(std::launch::async, factorise, TopBottomWeights(L), L.W, L.SH);
-  auto cornerFuture = std::async(std::launch::async, factorise, CornerWeights(L), L.SW, L.SH);
-  const auto lrSystem = factorise(LeftRightWeights(L), L.SW, L.H);
-  const auto tbSystem = tbFuture.get();
-  const auto cornerSystem = cornerFuture.get();
-  std::vector<double> lr(L.lrSize()), tb(L.tbSize()), corner(L.cornerSize());
+  // Each factorisation is released as soon as its channels are solved, so only one is held.
+  const size_t lrSize = L.lrSize(), tbSize = L.tbSize();
+  std::vector<double> lr(lrSize * channels), tb(tbSize * channels), corner(L.cornerSize());
+  {
+    const ThinPlateSystem system(LeftRightWeights(L), L.SW, L.H);
+    for (int c = 0; c < channels; ++c) {
+      std::span<double> strip(lr.data() + c * lrSize, lrSize);
+      FillLeftRight(L, planes.data() + c * imageSize, strip.data());
+      system.Solve(strip, strip);
+    }
+  }
+  {
+    const ThinPlateSystem system(TopBottomWeights(L), L.W, L.SH);
+    for (int c = 0; c < channels; ++c) {
+      std::span<double> strip(tb.data() + c * tbSize, tbSize);
+      FillTopBottom(L, planes.data() + c * imageSize, strip.data());
+      system.Solve(strip, strip);
+    }
+  }
+  const ThinPlateSystem cornerSystem(CornerWeights(L), L.SW, L.SH);
   for (int c = 0; c < channels; ++c) {
     const double* image = planes.data() + c * imageSize;
-    FillLeftRight(L, image, lr.data());
-    lrSystem->Solve(lr, lr);
-    FillTopBottom(L, image, tb.data());
-    tbSystem->Solve(tb, tb);
-    FillCorner(L, lr.data(), tb.data(), corner.data());
-    cornerSystem->Solve(corner, corner);
-    AssemblePadded(L, image, lr.data(), tb.data(), corner.data(), padded.data() + c * paddedSize);
+    FillCorner(L, lr.data() + c * lrSize, tb.data() + c * tbSize, corner.data());
+    cornerSystem.Solve(corner, corner);
+    AssemblePadded(L, image, lr.data() + c * lrSize, tb.data() + c * tbSize, corner.data(),
+                   padded.data() + c * paddedSize);
   }
   return padded;
 }
