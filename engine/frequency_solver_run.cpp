@@ -37,7 +37,7 @@ WorkingPlanes PrepareWorkingPlanes(const DeconvRequest& request) {
 }
 
 int RunFrequencySolver(const DeconvRequest& request) {
-  const WorkingPlanes work = PrepareWorkingPlanes(request);
+  WorkingPlanes work = PrepareWorkingPlanes(request);
   const int W = work.width, H = work.height;
   const size_t planeSize = static_cast<size_t>(W) * H;
   const size_t inputSize = static_cast<size_t>(request.width) * request.height * request.channels;
@@ -53,14 +53,15 @@ int RunFrequencySolver(const DeconvRequest& request) {
   solver.SetIterationSettings(request.localPriorWeight, 15, 15, 0.000144, 9);
   solver.SetPriorShape(0.0001, 0.5, 1.0);
 
-  std::vector<double> result(planeSize * request.channels);
+  // Each channel's result replaces its working plane, which the solve no longer needs.
   for (int c = 0; c < request.channels; ++c) {
-    solver.SetImage(work.planes.data() + c * planeSize);
+    double* plane = work.planes.data() + c * planeSize;
+    solver.SetImage(plane);
     solver.PrepareWeights(129);
     solver.SolveWithNoise(request.noise);
-    std::copy(solver.output().begin(), solver.output().end(), result.begin() + c * planeSize);
+    std::copy(solver.output().begin(), solver.output().end(), plane);
   }
-  CropCenteredBack(result, W, H, request.width, request.height, request.channels,
+  CropCenteredBack(work.planes, W, H, request.width, request.height, request.channels,
                    std::span<double>(request.output, inputSize));
   return 0;
 }

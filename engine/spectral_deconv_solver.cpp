@@ -289,7 +289,10 @@ int SpectralDeconvSolver::SetKernel(std::span<const double> kernel, int kernelWi
 
 void SpectralDeconvSolver::SetImage(const double* plane) {
   imagePlane_ = plane;
-  ComputeReferenceGradients();
+  // The image's own gradients are read by the local prior only; a solve that uses it
+  // computes them.
+  refGradX_.clear();
+  refGradY_.clear();
   forwardTransform_->Forward(plane, imageSpectrum_.get());
   MultiplySpectra({conjKernel_.get(), spectrumSize_}, {imageSpectrum_.get(), spectrumSize_},
                   {numerator_.get(), spectrumSize_});
@@ -330,20 +333,14 @@ int SpectralDeconvSolver::SetPriorShape(double a, double l, double k) {
 
 int SpectralDeconvSolver::PrepareWeights(uint32_t setting) {
   preparationSetting = setting;
-  unitWeights_.assign(spectrumSize_, 1.0);
-  weightedKernelPower_.resize(spectrumSize_);
-  for (size_t i = 0; i < spectrumSize_; ++i)
-    weightedKernelPower_[i] = kernelPower_[i] * unitWeights_[i];
-  weightedNumerator_ = AllocateFftwBuffer<Complex>(spectrumSize_);
-  for (size_t i = 0; i < spectrumSize_; ++i) {
-    weightedNumerator_[i] =
-        Complex(numerator_[i].real() * unitWeights_[i], numerator_[i].imag() * unitWeights_[i]);
-  }
+  // Every spectral weight is one, so the weighted |K|^2 and numerator equal the unweighted ones
+  // exactly (x * 1.0 == x): the solve reads those, and no weighted copies are kept.
+  weightsPrepared_ = true;
   return 0;
 }
 
 int SpectralDeconvSolver::SolveWithNoise(double noise) {
-  assert(imagePlane_ && weightedNumerator_ && !smoothMask_.empty());
+  assert(imagePlane_ && weightsPrepared_ && !smoothMask_.empty());
   if (noise <= 1e-12) noise = 1e-12;
   const double lambda = 0.05 / noise;
   betaMax = 100.0 * lambda;
@@ -378,12 +375,13 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
   // cheaper row routine gives bit-identical results.
   const bool localPrior = q != 0.0 && std::any_of(smoothMask_.begin(), smoothMask_.end(),
                                                   [](double m) { return m != 0.0; });
+  if (localPrior && refGradX_.empty()) ComputeReferenceGradients();
   const double* mask = smoothMask_.data();
   const double* refX = refGradX_.data();
   const double* refY = refGradY_.data();
   const double* gradPower = gradientPower_.data();
-  const double* kernelPower = weightedKernelPower_.data();
-  const Complex* numerator = weightedNumerator_.get();
+  const double* kernelPower = kernelPower_.data();
+  const Complex* numerator = numerator_.get();
   const int Wc = W / 2 + 1;
   const Complex* dxByColumn = conjDx_.byColumn.data();
   const Complex* dxByRow = conjDx_.byRow.data();

@@ -131,13 +131,12 @@ class SpectralDeconvSolver : public DeconvSolver {
   };
   FactoredSpectrum conjDx_, conjDy_;
   FftwBuffer<Complex> numerator_, conjKernel_, imageSpectrum_;
-  FftwBuffer<Complex> weightedNumerator_;
+  bool weightsPrepared_ = false;
   // Working planes of the solve, obtained on the first solve and reused by every later one
   // (each channel, each noise level), so their pages are touched once.
   FftwBuffer<double> latentA_, latentB_, psiX_, psiY_;
   FftwBuffer<Complex> psiXSpectrum_, psiYSpectrum_;
   std::vector<double> kernelPower_, gradientPower_;
-  std::vector<double> unitWeights_, weightedKernelPower_;
   std::vector<double> refGradX_, refGradY_, smoothMask_;
   std::vector<double> kernelCopy_;
   int kernelWidth_ = 0;
