@@ -1,11 +1,7 @@
 #include "fit/border_extension.h"
 
-#include <cblas.h>
-
-#include <algorithm>
 #include <cassert>
-#include <future>
-#include <memory>
+#include <span>
 
 #include "fit/seam_layout.h"
 #include "fit/thin_plate_fit.h"
