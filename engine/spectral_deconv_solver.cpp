@@ -111,16 +111,16 @@ void ShrinkRowWithLocalPrior(const double* cur, const double* below, const doubl
   }
 }
 
+// Constants of the rule below for one value of t, hoisted out of the row loop.
+struct PlainShrinkConstants {
+  double tk, t, divisor, l, a, b;
+};
+
 // The per-pixel rule with s m = 0 (v = g, e = 1), written branch-free so that it vectorises.
 // The rule is odd in g: for g < 0 every candidate, and both energies, are the mirror images of
 // those for |g|, and negation is exact, so it is evaluated on |g| and the sign put back
 // afterwards; adding 0.0 turns the -0.0 that copysign gives a zero result back into the +0.0
 // the general rule's clamps leave (a select on the sign would stop the loop vectorising).
-// Constants of the rule for one value of t, hoisted out of the loop.
-struct PlainShrinkConstants {
-  double tk, t, divisor, l, a, b;
-};
-
 inline double ShrinkPlain(double g, const PlainShrinkConstants c) {
   const double ag = std::fabs(g);
   double x1 = ag - c.tk;
@@ -139,7 +139,7 @@ inline double ShrinkPlain(double g, const PlainShrinkConstants c) {
 // floating-point contraction, so every build performs the same roundings.
 __attribute__((target_clones("avx512f", "avx2", "default"))) void ShrinkRow(
     const double* __restrict cur, const double* __restrict below, int W, double t,
-               const PriorShape& p, double* __restrict psiX, double* __restrict psiY) {
+    const PriorShape& p, double* __restrict psiX, double* __restrict psiY) {
   const PlainShrinkConstants c{t * p.k, t, 2.0 * p.a + 1.0, p.l, p.a, p.b};
   for (int x = 0; x + 1 < W; ++x) {
     psiX[x] = ShrinkPlain(cur[x + 1] - cur[x], c);
@@ -147,6 +147,48 @@ __attribute__((target_clones("avx512f", "avx2", "default"))) void ShrinkRow(
   }
   psiX[W - 1] = ShrinkPlain(cur[0] - cur[W - 1], c);
   psiY[W - 1] = ShrinkPlain(below[W - 1] - cur[W - 1], c);
+}
+
+// One row of the spectral division: L^ = (gamma (conj(Dx) Psix^ + conj(Dy) Psiy^) + N) / D
+// with D = gamma |D|^2 + |K|^2, the inverse transform's 1 / (W x H) folded in. conj(Dx) and
+// conj(Dy) are their column factors times this row's factor. L^ is written over Psix^.
+struct SpectralRow {
+  int count;
+  const Complex* dxByColumn;
+  const Complex* dyByColumn;
+  Complex dxRow, dyRow;
+  const Complex* psiY;
+  const Complex* numerator;
+  const double* gradientPower;
+  const double* kernelPower;
+  double gamma, inverseScale;
+};
+
+// Like the shrink, a division per sample: built for wider vector units too.
+__attribute__((target_clones("avx512f", "avx2", "default"))) void DivideSpectralRow(
+    const SpectralRow r, Complex* __restrict psiX) {
+  const Complex bx = r.dxRow, by = r.dyRow;
+  const Complex* __restrict py = r.psiY;
+  const Complex* __restrict num = r.numerator;
+  const double* __restrict gp = r.gradientPower;
+  const double* __restrict kp = r.kernelPower;
+  const double gamma = r.gamma, inverseScale = r.inverseScale;
+  for (int u = 0; u < r.count; ++u) {
+    const Complex ax = r.dxByColumn[u], ay = r.dyByColumn[u];
+    const double cxRe = ax.real() * bx.real() - ax.imag() * bx.imag();
+    const double cxIm = ax.real() * bx.imag() + ax.imag() * bx.real();
+    const double cyRe = ay.real() * by.real() - ay.imag() * by.imag();
+    const double cyIm = ay.real() * by.imag() + ay.imag() * by.real();
+    const Complex px = psiX[u], pyu = py[u];
+    const double sumRe =
+        cxRe * px.real() - cxIm * px.imag() + (cyRe * pyu.real() - cyIm * pyu.imag());
+    const double sumIm =
+        cxRe * px.imag() + cxIm * px.real() + (cyRe * pyu.imag() + cyIm * pyu.real());
+    const double denominator = gamma * gp[u] + kp[u];
+    const double scale = inverseScale / denominator;
+    psiX[u] = Complex((gamma * sumRe + num[u].real()) * scale,
+                      (gamma * sumIm + num[u].imag()) * scale);
+  }
 }
 
 // The conjugated spectrum of a filter plane whose taps lie in one row or in one column, as a
@@ -416,32 +458,22 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
       std::swap(latent, previous);
       forwardTransform_->Forward(psiX, psiXSpectrum);
       forwardTransform_->Forward(psiY, psiYSpectrum);
-      // L^ = (gamma (conj(Dx) Psix^ + conj(Dy) Psiy^) + weighted numerator) / D,
-      // D = gamma |D|^2 + weighted |K|^2.
+      // L^ = (gamma (conj(Dx) Psix^ + conj(Dy) Psiy^) + N) / (gamma |D|^2 + |K|^2), row by row.
 #pragma omp parallel for schedule(static) num_threads(threads_)
       for (int v = 0; v < H; ++v) {
-        const Complex bx = dxByRow[v], by = dyByRow[v];
-        Complex* __restrict spectrum = psiXSpectrum + static_cast<size_t>(v) * Wc;
-        const Complex* __restrict pyRow = psiYSpectrum + static_cast<size_t>(v) * Wc;
-        const Complex* __restrict numRow = numerator + static_cast<size_t>(v) * Wc;
-        const double* __restrict gpRow = gradPower + static_cast<size_t>(v) * Wc;
-        const double* __restrict kpRow = kernelPower + static_cast<size_t>(v) * Wc;
-        for (int u = 0; u < Wc; ++u) {
-          const Complex ax = dxByColumn[u], ay = dyByColumn[u];
-          const double cxRe = ax.real() * bx.real() - ax.imag() * bx.imag();
-          const double cxIm = ax.real() * bx.imag() + ax.imag() * bx.real();
-          const double cyRe = ay.real() * by.real() - ay.imag() * by.imag();
-          const double cyIm = ay.real() * by.imag() + ay.imag() * by.real();
-          const Complex px = spectrum[u], py = pyRow[u];
-          const double sumRe = cxRe * px.real() - cxIm * px.imag() +
-                               (cyRe * py.real() - cyIm * py.imag());
-          const double sumIm = cxRe * px.imag() + cxIm * px.real() +
-                               (cyRe * py.imag() + cyIm * py.real());
-          const double denominator = gamma * gpRow[u] + kpRow[u];
-          const double scale = inverseScale / denominator;
-          spectrum[u] = Complex((gamma * sumRe + numRow[u].real()) * scale,
-                                (gamma * sumIm + numRow[u].imag()) * scale);
-        }
+        const size_t row = static_cast<size_t>(v) * Wc;
+        const SpectralRow r{.count = Wc,
+                            .dxByColumn = dxByColumn,
+                            .dyByColumn = dyByColumn,
+                            .dxRow = dxByRow[v],
+                            .dyRow = dyByRow[v],
+                            .psiY = psiYSpectrum + row,
+                            .numerator = numerator + row,
+                            .gradientPower = gradPower + row,
+                            .kernelPower = kernelPower + row,
+                            .gamma = gamma,
+                            .inverseScale = inverseScale};
+        DivideSpectralRow(r, psiXSpectrum + row);
       }
       inverseTransform_->InverseUnscaled(psiXSpectrum, latent);
       // Sums per row, added in row order: the same result for any number of threads.
