@@ -30,10 +30,14 @@ for mp in "${megapixels[@]}"; do
       "$build/bench/marlith-blur" "$work/$kind.png" "$work/k$kernel.png" "$work/blurred.png" \
         replicated 0.005 1
       for boundary in 0 1; do
-        /usr/bin/time -f "%e %M" -o "$work/time" "$build/app/marlith" "$work/blurred.png" \
-          "$work/k$kernel.png" "$work/out.png" "$boundary" 0.1 1 > "$work/stdout"
-        seconds=$(sed -n 's/^time cost : //p' "$work/stdout")
-        peak_kib=$(awk '{ print $2 }' "$work/time")
+        # A refused run (its reason is on stderr) is recorded as failed, and the rest go on.
+        if /usr/bin/time -f "%e %M" -o "$work/time" "$build/app/marlith" "$work/blurred.png" \
+          "$work/k$kernel.png" "$work/out.png" "$boundary" 0.1 1 > "$work/stdout"; then
+          seconds=$(sed -n 's/^time cost : //p' "$work/stdout")
+        else
+          seconds=failed
+        fi
+        peak_kib=$(awk 'END { print $2 }' "$work/time")
         echo "$mp,$width,$height,$channels,$kernel,$boundary,$seconds,$((peak_kib / 1024))" | tee -a "$csv"
       done
     done
@@ -43,7 +47,7 @@ done
 {
   echo "| MP | size | channels | kernel | boundary | seconds | peak MiB |"
   echo "|---:|---|---:|---:|---:|---:|---:|"
-  tail -n +2 "$csv" | awk -F, '{ printf "| %s | %sx%s | %s | %s | %s | %.2f | %s |\n", $1, $2, $3, $4, $5, $6, $7, $8 }'
+  tail -n +2 "$csv" | awk -F, '{ printf "| %s | %sx%s | %s | %s | %s | %s | %s |\n", $1, $2, $3, $4, $5, $6, ($7 == "failed" ? $7 : sprintf("%.2f", $7)), $8 }'
 } > "$table"
 # Time against megapixels for the colour runs, one line per kernel size and boundary type.
 plot="${table%.md}.png"
