@@ -15,7 +15,6 @@ std::vector<double> extendPeriodicBorderPlanes(std::span<const double> planes, i
   const SeamLayout L(width, height, padX, padY, bandX, bandY);
   const size_t imageSize = static_cast<size_t>(width) * height;
   const size_t paddedSize = static_cast<size_t>(width + 2 * padX) * (height + 2 * padY);
-  std::vector<double> padded(paddedSize * channels);
 
   // One factorisation per seam serves every channel: the weights do not depend on the data.
   // Each factorisation is released as soon as its channels are solved, so only one is held.
@@ -37,6 +36,9 @@ std::vector<double> extendPeriodicBorderPlanes(std::span<const double> planes, i
       system.Solve(strip, strip);
     }
   }
+  // The padded planes are obtained only now, so the strips' factorisations did not share the
+  // memory with them.
+  std::vector<double> padded(paddedSize * channels);
   const ThinPlateSystem cornerSystem(CornerWeights(L), L.SW, L.SH);
   for (int c = 0; c < channels; ++c) {
     const double* image = planes.data() + c * imageSize;

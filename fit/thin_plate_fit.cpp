@@ -172,16 +172,20 @@ ThinPlateSystem::ThinPlateSystem(std::span<const double> weights, int32_t width,
     }
   }
   f.columnStarts[m.rows] = static_cast<UmfIndex>(f.rowIndices.size());
+  const UmfIndex order = m.rows;
+  m = SparseMatrixCSR{};  // released before the factorisation takes its memory
 
   // The stencil's pattern is symmetric (only the clamped values are not): ordering A + A^T
   // with AMD suits these grid matrices far better than the unsymmetric default (measured on
-  // a 216 x 1000 strip: a third fewer flops; METIS orders better but takes longer).
+  // a 216 x 1000 strip: a third fewer flops). METIS orders with less fill but takes longer:
+  // on a 1224 x 816 colour image with a 25-sample kernel, peak 578 MB and 6.0 s against
+  // AMD's 691 MB and 5.0 s.
   double control[UMFPACK_CONTROL];
   umfpack_dl_defaults(control);
   control[UMFPACK_STRATEGY] = UMFPACK_STRATEGY_SYMMETRIC;
   control[UMFPACK_ORDERING] = UMFPACK_ORDERING_AMD;
   void* symbolicHandle = nullptr;
-  int status = umfpack_dl_symbolic(m.rows, m.columns, f.columnStarts.data(), f.rowIndices.data(),
+  int status = umfpack_dl_symbolic(order, order, f.columnStarts.data(), f.rowIndices.data(),
                                    f.values.data(), &symbolicHandle, control, nullptr);
   const UmfpackSymbolic symbolic(symbolicHandle);
   CheckUmfpack(status, "ordering");
