@@ -180,17 +180,7 @@ TEST(SolveHarmonicPatch, ReproducesBilinearDataOnOddAndEvenPatches) {
   // from its sides, also through the resampling of even sizes.
   for (auto [W, H] : {std::pair{9, 7}, std::pair{10, 7}, std::pair{8, 12}}) {
     auto f = [](double x, double y) { return 0.3 + 0.05 * x - 0.02 * y + 0.004 * x * y; };
-    HarmonicPatch p;
-    p.width = W;
-    p.height = H;
-    for (int i = 0; i < W; ++i) {
-      p.firstRow.push_back(f(i, 0));
-      p.lastRow.push_back(f(i, H - 1));
-    }
-    for (int j = 0; j < H; ++j) {
-      p.firstColumn.push_back(f(0, j));
-      p.lastColumn.push_back(f(W - 1, j));
-    }
+    HarmonicPatch p = PatchFrom(W, H, HarmonicPatch{}.code, f);
     solveHarmonicPatch(p);
     ASSERT_EQ(p.solution.size(), static_cast<size_t>(W * H));
     for (int j = 0; j < H; ++j)
