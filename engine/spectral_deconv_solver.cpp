@@ -22,14 +22,6 @@ void SquaredMagnitudes(std::span<const Complex> source, std::span<double> destin
   }
 }
 
-void SumSquaredMagnitudes(std::span<const Complex> a, std::span<const Complex> b,
-                          std::span<double> destination) {
-  for (size_t i = 0; i < a.size(); ++i) {
-    destination[i] = a[i].real() * a[i].real() + a[i].imag() * a[i].imag() +
-                     (b[i].real() * b[i].real() + b[i].imag() * b[i].imag());
-  }
-}
-
 void MultiplySpectra(std::span<const Complex> a, std::span<const Complex> b,
                      std::span<Complex> destination) {
   for (size_t i = 0; i < a.size(); ++i) {
@@ -45,12 +37,12 @@ void CircularShiftHalf(std::span<const double> source, std::span<double> destina
   assert(source.size() >= n && destination.size() >= n);
   std::vector<double> scratch(n);
   const int halfW = width / 2, halfH = height / 2;
-  const int firstPart = width - halfW;  // ceil(W / 2) values go to columns halfW onward
+  const int leading = width - halfW;  // ceil(W / 2) values go to columns halfW onward
   for (int r = 0; r < height; ++r) {
     const double* src = source.data() + static_cast<size_t>(r) * width;
     double* dst = scratch.data() + static_cast<size_t>((r + halfH) % height) * width;
-    std::copy_n(src, firstPart, dst + halfW);
-    std::copy_n(src + firstPart, halfW, dst);
+    std::copy_n(src, leading, dst + halfW);
+    std::copy_n(src + leading, halfW, dst);
   }
   std::copy(scratch.begin(), scratch.end(), destination.begin());
 }
@@ -252,11 +244,15 @@ int SpectralDeconvSolver::Setup(const double* imagePlane, int width, int height,
   options_ = options;
   planeSize_ = static_cast<size_t>(width) * height;
   spectrumSize_ = HalfSpectrumSize(width, height);
-  outputPlane_.assign(planeSize_, 0.0);
   forwardTransform_ =
       std::make_unique<SpectralTransform>(width, height, SpectralTransform::kForward, threads);
   inverseTransform_ =
       std::make_unique<SpectralTransform>(width, height, SpectralTransform::kInverse, threads);
+  // Working planes of an earlier size are dropped; the first solve obtains new ones.
+  for (auto* plane : {&latentA_, &latentB_, &psiX_, &psiY_}) plane->reset();
+  psiXSpectrum_.reset();
+  psiYSpectrum_.reset();
+  result_ = nullptr;
   ResetDefaults();
   PrecomputeGradientSpectra();
   return 0;
@@ -275,21 +271,19 @@ void SpectralDeconvSolver::PrecomputeGradientSpectra() {
     CircularShiftHalf(filter, filter, width_, height_);
     return filter;
   };
-  auto spectrum = [&](const std::vector<double>& filter) {
-    auto plane = AllocateFftwBuffer<double>(planeSize_);
-    std::copy(filter.begin(), filter.end(), plane.get());
-    auto result = AllocateFftwBuffer<Complex>(spectrumSize_);
-    forwardTransform_->Forward(plane.get(), result.get());
-    return result;
-  };
-  const auto dxFilter = shifted(MakeDxFilter(width_, height_));
-  const auto dyFilter = shifted(MakeDyFilter(width_, height_));
-  FactorConjugateSpectrum(dxFilter, width_, height_, conjDx_.byColumn, conjDx_.byRow);
-  FactorConjugateSpectrum(dyFilter, width_, height_, conjDy_.byColumn, conjDy_.byRow);
-  auto dx = spectrum(dxFilter);
-  auto dy = spectrum(dyFilter);
-  gradientPower_.assign(spectrumSize_, 0.0);
-  SumSquaredMagnitudes({dx.get(), spectrumSize_}, {dy.get(), spectrumSize_}, gradientPower_);
+  FactorConjugateSpectrum(shifted(MakeDxFilter(width_, height_)), width_, height_,
+                          conjDx_.byColumn, conjDx_.byRow);
+  FactorConjugateSpectrum(shifted(MakeDyFilter(width_, height_)), width_, height_,
+                          conjDy_.byColumn, conjDy_.byRow);
+  // |Dx|^2 + |Dy|^2 from the same factors the solve uses.
+  const int Wc = width_ / 2 + 1;
+  gradientPower_.resize(spectrumSize_);
+  for (int v = 0; v < height_; ++v)
+    for (int u = 0; u < Wc; ++u) {
+      gradientPower_[static_cast<size_t>(v) * Wc + u] =
+          std::norm(conjDx_.byColumn[u]) * std::norm(conjDx_.byRow[v]) +
+          std::norm(conjDy_.byColumn[u]) * std::norm(conjDy_.byRow[v]);
+    }
 
   imageSpectrum_ = AllocateFftwBuffer<Complex>(spectrumSize_);
   std::fill_n(imageSpectrum_.get(), spectrumSize_, Complex(0.0, 0.0));
@@ -359,7 +353,7 @@ int SpectralDeconvSolver::SetIterationSettings(double weight, uint32_t windowWid
   smoothWindowHeight = windowHeight;
   smoothThreshold = threshold;
   smoothCount = count;
-  // The smooth-region detector that would fill this plane is not part of the solver: a zero
+  // The smooth-region detector that would fill this plane lives outside the solver: a zero
   // plane switches the local prior off, which is what a freshly obtained block holds.
   if (smoothMask_.empty()) smoothMask_.assign(planeSize_, 0.0);
   return 0;
@@ -503,7 +497,7 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
     ++lastSolve.outerRounds;
     lastSolve.innerRounds += static_cast<int>(round);
   }
-  std::copy_n(latent, n, outputPlane_.begin());
+  result_ = latent;
   return 0;
 }
 

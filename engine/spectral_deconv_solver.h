@@ -94,8 +94,9 @@ class SpectralDeconvSolver : public DeconvSolver {
   int PrepareWeights(uint32_t setting) override;
   void ResetDefaults() override;
 
-  // The restored W x H plane of the last solve.
-  std::span<const double> output() const { return {outputPlane_.data(), outputPlane_.size()}; }
+  // The restored W x H plane of the last solve (one of the solve's own planes: valid until the
+  // next solve; empty before the first).
+  std::span<const double> output() const { return {result_, result_ ? planeSize_ : 0}; }
   int width() const { return width_; }
   int height() const { return height_; }
   uint32_t options() const { return options_; }
@@ -119,7 +120,7 @@ class SpectralDeconvSolver : public DeconvSolver {
   uint32_t options_ = 0;
   size_t planeSize_ = 0;     // W x H
   size_t spectrumSize_ = 0;  // (W / 2 + 1) x H
-  std::vector<double> outputPlane_;
+  const double* result_ = nullptr;
   std::unique_ptr<SpectralTransform> forwardTransform_;
   std::unique_ptr<SpectralTransform> inverseTransform_;
 
@@ -148,9 +149,6 @@ class SpectralDeconvSolver : public DeconvSolver {
 void ConjugateSpectrum(std::span<const Complex> source, std::span<Complex> destination);
 // destination[i] = re^2 + im^2 of source[i].
 void SquaredMagnitudes(std::span<const Complex> source, std::span<double> destination);
-// destination[i] = |a[i]|^2 + |b[i]|^2.
-void SumSquaredMagnitudes(std::span<const Complex> a, std::span<const Complex> b,
-                          std::span<double> destination);
 // destination[i] = a[i] b[i] (complex product).
 void MultiplySpectra(std::span<const Complex> a, std::span<const Complex> b,
                      std::span<Complex> destination);

@@ -113,13 +113,13 @@ struct NumericFree {
 using UmfpackSymbolic = std::unique_ptr<void, SymbolicFree>;
 using UmfpackNumeric = std::unique_ptr<void, NumericFree>;
 
-// UMFPACK's factors of (B + diag(w)), held as the transpose in compressed columns: our rows
-// are its columns, and solving with UMFPACK_At solves the system itself.
 // UMFPACK's 64-bit-index interface: with 32-bit indices its numeric workspace runs out of
 // index range (reported as "out of memory") on strips of a few million samples, such as the
 // seams of a 4-megapixel image with a 61-sample kernel.
 using UmfIndex = SuiteSparse_long;
 
+// UMFPACK's factors of (B + diag(w)), held as the transpose in compressed columns: our rows
+// are its columns, and solving with UMFPACK_At solves the system itself.
 struct ThinPlateSystem::Factorisation {
   std::vector<UmfIndex> columnStarts;  // from 0
   std::vector<UmfIndex> rowIndices;    // from 0
