@@ -23,14 +23,22 @@ std::vector<double> Noisy(int W, int H, unsigned seed) {
   return v;
 }
 
+// A fit of the rectangle [x0, x1] x [y0, y1] (x0 or y0 = -1: full width or full height) with
+// no smoothing stages; tests that smooth set their own.
 SurfaceFitRequest Request(const std::vector<double>& in, std::vector<double>& out,
-                          const std::vector<double>& mask, int W, int H) {
+                          const std::vector<double>& mask, int W, int H, int x0, int x1, int y0,
+                          int y1) {
   SurfaceFitRequest r;
   r.input = in;
   r.output = out;
   r.mask = mask;
   r.width = W;
   r.height = H;
+  r.stageCount = 0;
+  r.x0 = x0;
+  r.x1 = x1;
+  r.y0 = y0;
+  r.y1 = y1;
   return r;
 }
 
@@ -66,12 +74,7 @@ TEST(FitSurface, HarmonicFillOfAnInnerRectangleReproducesBilinearData) {
   std::vector<double> noisy = in;
   for (int y = 4; y <= 6; ++y)
     for (int x = 3; x <= 7; ++x) noisy[y * W + x] = 5.0;  // inside the sides: replaced by the fill
-  auto r = Request(noisy, out, mask, W, H);
-  r.stageCount = 0;
-  r.x0 = 2;
-  r.x1 = 8;
-  r.y0 = 3;
-  r.y1 = 7;
+  auto r = Request(noisy, out, mask, W, H, 2, 8, 3, 7);
   for (auto fit : {fitSurfaceLinearSides, fitSurfaceNeumannSides}) {
     fit(r);
     for (int i = 0; i < W * H; ++i) EXPECT_NEAR(out[i], in[i], 1e-12) << i;
@@ -84,12 +87,7 @@ TEST(FitSurface, LinearSidesBlendFromTheEndValueBackTowardsTheStart) {
   const int W = 7, H = 5;
   std::vector<double> in(W * H, 0.0), out(W * H), mask(W * H, 0.0);
   for (int x = 0; x < W; ++x) in[4 * W + x] = 1.0;
-  auto r = Request(in, out, mask, W, H);
-  r.stageCount = 0;
-  r.x0 = -1;
-  r.x1 = 999;  // ignored for a full-width rectangle
-  r.y0 = 0;
-  r.y1 = 4;
+  auto r = Request(in, out, mask, W, H, -1, 999, 0, 4);  // x1 is ignored for full width
   fitSurfaceLinearSides(r);
   const double expected[] = {0.0, 0.75, 0.5, 0.25, 1.0};
   for (int y = 0; y < H; ++y) {
@@ -121,12 +119,7 @@ TEST(FitSurface, LinearSidesOfAFullHeightRectangleBlendTheRowsCornersBackwards) 
   in[0 * W + 5] = 1.0;
   in[6 * W + 1] = 2.0;
   in[6 * W + 5] = 4.0;
-  auto r = Request(in, out, mask, W, H);
-  r.stageCount = 0;
-  r.x0 = 1;
-  r.x1 = 5;
-  r.y0 = -1;
-  r.y1 = 3;  // ignored
+  auto r = Request(in, out, mask, W, H, 1, 5, -1, 3);  // y1 is ignored for full height
   fitSurfaceLinearSides(r);
   const double top[] = {0.0, 0.75, 0.5, 0.25, 1.0};
   const double bottom[] = {2.0, 3.5, 3.0, 2.5, 4.0};
@@ -155,11 +148,8 @@ TEST(FitSurface, NeumannSidesLeaveTheTrapezoidMeanAcrossThemLinear) {
   const int W = 11, H = 9;
   const auto in = Noisy(W, H, 21);
   std::vector<double> out(W * H), mask(W * H, 0.0);
-  auto r = Request(in, out, mask, W, H);
-  r.stageCount = 0;
-  r.x0 = -1;
-  r.y0 = 1;
-  r.y1 = 7;  // a 11 x 7 patch: odd sizes, no resampling
+  // An 11 x 7 patch: odd sizes, no resampling.
+  auto r = Request(in, out, mask, W, H, -1, 0, 1, 7);
   fitSurfaceNeumannSides(r);
   const double first = TrapezoidMean(&in[1 * W], W, 1), last = TrapezoidMean(&in[7 * W], W, 1);
   for (int y = 1; y <= 7; ++y)
@@ -199,12 +189,7 @@ TEST(FitSurface, EachSmoothingStepFiltersThenBlendsUnderTheMask) {
   std::vector<double> mask(W * H);
   for (int i = 0; i < W * H; ++i) mask[i] = (i % 3) * 0.5;  // 0, 0.5, 1
   std::vector<double> filled(W * H), smoothed(W * H);
-  auto r = Request(in, filled, mask, W, H);
-  r.stageCount = 0;
-  r.x0 = 2;
-  r.x1 = 6;
-  r.y0 = 1;
-  r.y1 = 5;
+  auto r = Request(in, filled, mask, W, H, 2, 6, 1, 5);
   fitSurfaceNeumannSides(r);
   r.output = smoothed;
   r.stageCount = 1;
@@ -225,14 +210,10 @@ TEST(FitSurface, SmoothingKeepsMaskedDataExactlyAndCarriesKernelsOver) {
   for (int i = 0; i < W * H; i += 3) mask[i] = 1.0;
   auto run = [&](std::vector<SurfaceFitStage> stages, bool inPlace = false) {
     std::vector<double> out = in;
-    auto r = Request(in, out, mask, W, H);
+    auto r = Request(in, out, mask, W, H, 3, 11, 2, 8);
     if (inPlace) r.input = out;
     r.stageCount = static_cast<int32_t>(stages.size());
     std::copy(stages.begin(), stages.end(), r.stages.begin());
-    r.x0 = 3;
-    r.x1 = 11;
-    r.y0 = 2;
-    r.y1 = 8;
     fitSurfaceNeumannSides(r);
     return out;
   };
@@ -258,11 +239,7 @@ TEST(FitSurfaceDebug, WritesTheFilledPlaneToItsDebugImage) {
   const int W = 9, H = 7;
   const auto in = Noisy(W, H, 5);
   std::vector<double> out(W * H), mask(W * H, 0.0);
-  auto r = Request(in, out, mask, W, H);
-  r.stageCount = 0;
-  r.x0 = -1;
-  r.y0 = 1;
-  r.y1 = 5;
+  auto r = Request(in, out, mask, W, H, -1, 0, 1, 5);
   fitSurfaceDebug(r);
   ASSERT_TRUE(std::filesystem::exists("surfaceFitOut1.png"));
   // The image is the filled plane (no smoothing here) at sample x 255, truncated.
@@ -301,12 +278,7 @@ TEST(FitSurfaceDebug, PoissonFillGivesBackCubicDataInSquareRectangles) {
     std::vector<double> in(W * H), out(W * H), mask(W * H, 0.0);
     for (int y = 0; y < H; ++y)
       for (int x = 0; x < W; ++x) in[y * W + x] = q(x, y);
-    auto r = Request(in, out, mask, W, H);
-    r.stageCount = 0;
-    r.x0 = x0;
-    r.x1 = x0 + side - 1;
-    r.y0 = y0;
-    r.y1 = y0 + side - 1;
+    auto r = Request(in, out, mask, W, H, x0, x0 + side - 1, y0, y0 + side - 1);
     fitSurfaceDebug(r);
     for (int i = 0; i < W * H; ++i) EXPECT_NEAR(out[i], in[i], 1e-12) << W << " " << i;
   }
