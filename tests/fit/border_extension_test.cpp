@@ -126,43 +126,6 @@ TEST(ExtendPeriodicBorder, MatchesTheStepsSolvedDensely) {
   }
 }
 
-TEST(ExtendPeriodicBorder, ExtendsAConstantImageByTheConstant) {
-  const std::vector<double> image(15 * 11, 0.625);
-  BorderExtensionRequest r{image, {}, 15, 11, 6, 5, 0, 0, 2, 3};
-  extendPeriodicBorder(r);
-  ASSERT_EQ(r.padded.size(), 27u * 21);
-  for (double v : r.padded) ASSERT_NEAR(v, 0.625, 1e-12);
-}
-
-TEST(ExtendPeriodicBorder, KeepsTheImageInTheMiddleAndSetsTheSizes) {
-  const int W = 20, H = 14;
-  const auto image = Ramp(W, H, 0.0);
-  BorderExtensionRequest r{image, {}, W, H, 6, 4, 0, 0, 3, 2};
-  ASSERT_EQ(extendPeriodicBorder(r), 0);
-  ASSERT_EQ(r.paddedWidth, 32);
-  ASSERT_EQ(r.paddedHeight, 22);
-  ASSERT_EQ(r.padded.size(), 32u * 22);
-  for (int y = 0; y < H; ++y)
-    for (int x = 0; x < W; ++x) EXPECT_EQ(r.padded[(y + 4) * 32 + x + 6], image[y * W + x]);
-
-  // No side margins: every row is the image row (the middle), nothing else.
-  BorderExtensionRequest flat{image, {}, W, H, 0, 3, 0, 0, 2, 2};
-  extendPeriodicBorder(flat);
-  EXPECT_EQ(flat.paddedWidth, W);
-  for (int y = 0; y < H; ++y)
-    for (int x = 0; x < W; ++x) EXPECT_EQ(flat.padded[(y + 3) * W + x], image[y * W + x]);
-
-  // A second call replaces the plane with the one a fresh request gets.
-  r.padX = 2;
-  r.padY = 0;
-  extendPeriodicBorder(r);
-  BorderExtensionRequest fresh{image, {}, W, H, 2, 0, 0, 0, 3, 2};
-  extendPeriodicBorder(fresh);
-  EXPECT_EQ(r.paddedWidth, 24);
-  EXPECT_EQ(r.paddedHeight, H);
-  EXPECT_EQ(r.padded, fresh.padded);
-}
-
 TEST(ExtendPeriodicBorder, MakesThePlaneSeamlessWhenRepeated) {
   const int W = 40, H = 30, padX = 9, padY = 6;
   const auto image = Ramp(W, H, 1.0);

@@ -189,28 +189,5 @@ TEST(SolveHarmonicPatch, ReproducesBilinearDataOnOddAndEvenPatches) {
   }
 }
 
-TEST(ResampleLinear, KeepsEndPointsAndLinesAndInterpolatesBetween) {
-  const std::vector<double> line = {1.0, 3.0, 5.0, 7.0};
-  const auto up = resampleLinear(line, 7);  // positions 0, 0.5, ..., 3
-  for (int i = 0; i < 7; ++i) EXPECT_NEAR(up[i], 1.0 + i, 1e-15);
-  const auto down = resampleLinear(std::vector<double>{0.0, 10.0, 0.0}, 2);
-  EXPECT_EQ(down[0], 0.0);
-  EXPECT_EQ(down[1], 0.0);
-  const auto mid = resampleLinear(std::vector<double>{0.0, 10.0}, 5);
-  EXPECT_DOUBLE_EQ(mid[1], 2.5);
-  // Down to fewer points: a line stays a line, ends kept bit for bit.
-  const std::vector<double> ramp = {0.1, 0.4, 0.7, 1.0, 1.3, 1.6};  // 0.1 + 0.3 k
-  const auto fewer = resampleLinear(ramp, 4);                       // positions 0, 5/3, 10/3, 5
-  EXPECT_EQ(fewer[0], 0.1);
-  EXPECT_EQ(fewer[3], 1.6);
-  EXPECT_NEAR(fewer[1], 0.6, 1e-15);
-  EXPECT_NEAR(fewer[2], 1.1, 1e-15);
-  // A kink between samples is interpolated, not reproduced: 0, 1, 0 at 0, 1/2, 1 of 3 points.
-  const auto kink = resampleLinear(std::vector<double>{0.0, 1.0, 0.0}, 4);  // 0, 2/3, 4/3, 2
-  EXPECT_NEAR(kink[1], 2.0 / 3.0, 1e-15);
-  EXPECT_NEAR(kink[2], 2.0 / 3.0, 1e-15);
-  EXPECT_EQ(resampleLinear(std::vector<double>{4.5}, 3), (std::vector<double>{4.5, 4.5, 4.5}));
-}
-
 }  // namespace
 }  // namespace marlith

@@ -47,33 +47,5 @@ TEST(KernelBank, HoldsTheSmoothingKernelsByIdAndNothingElse) {
   EXPECT_EQ(smoothingKernel(0), nullptr);
 }
 
-TEST(KernelBank, NamedKernelsAndReleaseClearsTheBuiltFlag) {
-  buildKernelBank();
-  const auto laplacian = bankKernel(BankKernel::kLaplacian);
-  EXPECT_EQ(Sum(laplacian), 0.0);
-  EXPECT_EQ(laplacian.kernel[4], -4.0);
-  const auto stencil = bankKernel(BankKernel::kThinPlate);
-  EXPECT_EQ(Sum(stencil), 0.0);
-  EXPECT_EQ(stencil.kernel[12], 20.0);
-  const auto binomial5 = bankKernel(BankKernel::kBinomialColumn5);
-  EXPECT_EQ(binomial5.width, 1);
-  EXPECT_EQ(binomial5.height, 5);
-  EXPECT_DOUBLE_EQ(binomial5.kernel[1], 0.25);
-  EXPECT_NEAR(Sum(bankKernel(BankKernel::kGaussian15Sigma24)), 1.0, 1e-14);
-  EXPECT_EQ(bankKernel(BankKernel::kForwardDifferenceY).height, 3);
-  const auto difference = bankKernel(BankKernel::kForwardDifferenceX);
-  EXPECT_EQ(difference.width, 3);
-  EXPECT_EQ(std::vector<double>(difference.kernel.begin(), difference.kernel.end()),
-            (std::vector<double>{0, 1, -1}));
-  const auto g085 = bankKernel(BankKernel::kGaussian7Sigma085).kernel;
-  EXPECT_NEAR(g085[3 * 7 + 4] / g085[3 * 7 + 3], std::exp(-1.0 / (2 * 0.85 * 0.85)), 1e-12);
-  EXPECT_EQ(Sum(bankKernel(BankKernel::kCross)), 1.0);
-  releaseKernelBank();
-  EXPECT_FALSE(kernelBankBuilt());
-  buildKernelBank();
-  EXPECT_TRUE(kernelBankBuilt());
-  EXPECT_EQ(smoothingKernel(3)->width, 9);
-}
-
 }  // namespace
 }  // namespace marlith

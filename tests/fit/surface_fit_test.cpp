@@ -109,30 +109,6 @@ TEST(FitSurface, LinearSidesBlendFromTheEndValueBackTowardsTheStart) {
   }
 }
 
-TEST(FitSurface, LinearSidesOfAFullHeightRectangleBlendTheRowsCornersBackwards) {
-  // Columns 1..5 of a 7 x 7 plane over all rows: the first row side runs from the corner at
-  // column 1 (start 0) to the one at column 5 (end 1), n = 4: 0, 0.75, 0.5, 0.25, 1. The last
-  // row side from 2 to 4: 2, 3.5, 3, 2.5, 4. The data between the corners is not used.
-  const int W = 7, H = 7;
-  std::vector<double> in(W * H, 9.0), out(W * H), mask(W * H, 0.0);
-  in[0 * W + 1] = 0.0;
-  in[0 * W + 5] = 1.0;
-  in[6 * W + 1] = 2.0;
-  in[6 * W + 5] = 4.0;
-  auto r = Request(in, out, mask, W, H, 1, 5, -1, 3);  // y1 is ignored for full height
-  fitSurfaceLinearSides(r);
-  const double top[] = {0.0, 0.75, 0.5, 0.25, 1.0};
-  const double bottom[] = {2.0, 3.5, 3.0, 2.5, 4.0};
-  for (int k = 0; k < 5; ++k) {
-    EXPECT_DOUBLE_EQ(out[0 * W + 1 + k], top[k]) << k;
-    EXPECT_DOUBLE_EQ(out[6 * W + 1 + k], bottom[k]) << k;
-  }
-  for (int y = 0; y < H; ++y) {  // outside the rectangle: the data
-    EXPECT_EQ(out[y * W], 9.0);
-    EXPECT_EQ(out[y * W + 6], 9.0);
-  }
-}
-
 // Trapezoid-weighted mean of n values taken every stride from p: half weight at both ends.
 double TrapezoidMean(const double* p, int n, int stride) {
   double sum = 0.5 * (p[0] + p[(n - 1) * stride]);
@@ -167,40 +143,6 @@ TEST(FitSurface, NeumannSidesLeaveTheTrapezoidMeanAcrossThemLinear) {
   const double left = TrapezoidMean(&in[2], H, W), right = TrapezoidMean(&in[8], H, W);
   for (int x = 2; x <= 8; ++x)
     EXPECT_NEAR(TrapezoidMean(&out[x], H, W), left + (right - left) * (x - 2) / 6.0, 1e-12) << x;
-}
-
-// One step of the 3 x 3 binomial with edge replication, written out directly.
-std::vector<double> Binomial3(const std::vector<double>& p, int W, int H) {
-  const double w[3] = {0.25, 0.5, 0.25};
-  std::vector<double> q(W * H, 0.0);
-  for (int y = 0; y < H; ++y)
-    for (int x = 0; x < W; ++x)
-      for (int j = -1; j <= 1; ++j)
-        for (int i = -1; i <= 1; ++i) {
-          const int yy = std::clamp(y + j, 0, H - 1), xx = std::clamp(x + i, 0, W - 1);
-          q[y * W + x] += w[j + 1] * w[i + 1] * p[yy * W + xx];
-        }
-  return q;
-}
-
-TEST(FitSurface, EachSmoothingStepFiltersThenBlendsUnderTheMask) {
-  const int W = 10, H = 8;
-  const auto in = Noisy(W, H, 8);
-  std::vector<double> mask(W * H);
-  for (int i = 0; i < W * H; ++i) mask[i] = (i % 3) * 0.5;  // 0, 0.5, 1
-  std::vector<double> filled(W * H), smoothed(W * H);
-  auto r = Request(in, filled, mask, W, H, 2, 6, 1, 5);
-  fitSurfaceNeumannSides(r);
-  r.output = smoothed;
-  r.stageCount = 1;
-  r.stages[0] = {1, 2};
-  fitSurfaceNeumannSides(r);
-  std::vector<double> expected = filled;
-  for (int step = 0; step < 2; ++step) {
-    const auto f = Binomial3(expected, W, H);
-    for (int i = 0; i < W * H; ++i) expected[i] = mask[i] * in[i] + (1 - mask[i]) * f[i];
-  }
-  for (int i = 0; i < W * H; ++i) EXPECT_NEAR(smoothed[i], expected[i], 1e-14) << i;
 }
 
 TEST(FitSurface, SmoothingKeepsMaskedDataExactlyAndCarriesKernelsOver) {

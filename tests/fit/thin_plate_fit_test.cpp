@@ -40,29 +40,6 @@ TEST(BuildFilterMatrix, ActsAsFilterPlaneWithEdgeReplication) {
   }
 }
 
-TEST(BuildFilterMatrix, MergesClampedTapsAndDropsZeroSums) {
-  // Taps 1 at offset -1 and -1 at offset 0 (the third is zero and not a tap): at column 0 both
-  // land on column 0 and cancel, so row 0 is empty; row 1 holds column 0 then column 1.
-  const SparseMatrixCSR m = buildFilterMatrix(std::vector<double>{1, -1, 0}, 3, 1, 2, 4, 1);
-  EXPECT_EQ(m.rowStarts[1] - m.rowStarts[0], 0);
-  ASSERT_EQ(m.rowStarts[2] - m.rowStarts[1], 2);
-  EXPECT_EQ(m.columnIndices[m.rowStarts[1] - 1], 1);
-  EXPECT_EQ(m.values[m.rowStarts[1] - 1], 1.0);
-  EXPECT_EQ(m.columnIndices[m.rowStarts[1]], 2);
-  EXPECT_EQ(m.values[m.rowStarts[1]], -1.0);
-  EXPECT_EQ(m.nonZeros, 6);
-  // The thin-plate stencil: 13 entries inside, fewer where clamped taps merge at the corner.
-  const SparseMatrixCSR b = buildFilterMatrix(thinPlateStencil(), 5, 5, 2, 9, 9);
-  EXPECT_EQ(b.rowStarts[4 * 9 + 4 + 1] - b.rowStarts[4 * 9 + 4], 13);
-  // Row 0 of the 9 x 9 plane, worked out by hand: taps clamped onto pixel (0, 0) sum to
-  // 1 + 2 - 8 + 1 - 8 + 20 = 8, onto (1, 0) to 2 - 8, onto (0, 1) to 2 - 8; in the order met.
-  ASSERT_EQ(b.rowStarts[1] - b.rowStarts[0], 6);
-  const std::vector<int> columns(b.columnIndices.begin(), b.columnIndices.begin() + 6);
-  const std::vector<double> values(b.values.begin(), b.values.begin() + 6);
-  EXPECT_EQ(columns, (std::vector<int>{1, 2, 3, 10, 11, 19}));
-  EXPECT_EQ(values, (std::vector<double>{8, -6, 1, -6, 2, 1}));
-}
-
 // B x straight from the stencil's definition: the 5 x 5 biharmonic taps (the value 20 at the
 // centre, -8 on the four neighbours, 2 on the diagonals, 1 two steps out), neighbours clamped
 // into the plane.

@@ -93,37 +93,6 @@ TEST(CxImage, LoadsByContentWhenTheNameClaimsAnotherType) {
   }
 }
 
-TEST(CxImage, RefusesMissingDirectoryEmptyRandomAndTruncatedFiles) {
-  TempDir dir;
-  WritePattern(dir / "good.png", "PNG24", Magick::TrueColorType);
-  WritePattern(dir / "good.jpg", "JPEG", Magick::TrueColorType);
-  const std::string png = test::ReadFileBytes(dir / "good.png");
-  const std::string jpg = test::ReadFileBytes(dir / "good.jpg");
-  std::filesystem::create_directory(dir / "folder.png");
-  test::WriteFileBytes(dir / "empty.png", "");
-  std::string noise(4096, '\0');
-  for (size_t i = 0; i < noise.size(); ++i) noise[i] = static_cast<char>((i * 7919 + 13) % 251);
-  test::WriteFileBytes(dir / "noise.png", noise);
-  std::vector<std::string> bad = {dir / "missing.png", dir / "folder.png", dir / "empty.png",
-                                  dir / "noise.png"};
-  for (size_t cut : {size_t{8}, size_t{33}, png.size() / 2, png.size() - 13}) {
-    const std::string name = dir / ("cut" + std::to_string(cut) + ".png");
-    test::WriteFileBytes(name, png.substr(0, cut));
-    bad.push_back(name);
-  }
-  for (size_t cut : {size_t{2}, size_t{20}, jpg.size() / 2, jpg.size() - 2}) {
-    const std::string name = dir / ("cut" + std::to_string(cut) + ".jpg");
-    test::WriteFileBytes(name, jpg.substr(0, cut));
-    bad.push_back(name);
-  }
-  for (const std::string& name : bad) {
-    CxImage image;
-    EXPECT_FALSE(image.Load(name, ImageTypeCode::kImageTypePng)) << name;
-    EXPECT_FALSE(image.GetLastError().empty()) << name;
-    EXPECT_EQ(image.GetLastError().find('\n'), std::string::npos) << image.GetLastError();
-  }
-}
-
 // A PNG signature, an IHDR chunk claiming width x height, an IDAT with the first rows' worth of
 // compressed zero bytes, and IEND.
 std::string PngHeader(uint32_t width, uint32_t height) {

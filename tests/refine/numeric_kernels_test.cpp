@@ -10,28 +10,6 @@
 namespace marlith {
 namespace {
 
-TEST(VectorNorm, KindsTwoAndThreeAreSumsOfSquaresWithoutARoot) {
-  const double v[] = {3.0, -4.0};
-  EXPECT_EQ(vectorNorm(v, 2, 0), 2.0);
-  EXPECT_EQ(vectorNorm(v, 2, 1), 7.0);
-  EXPECT_EQ(vectorNorm(v, 2, 2), 25.0);
-  EXPECT_EQ(vectorNorm(v, 2, 3), 25.0);
-  EXPECT_EQ(vectorNorm(v, 2, 4), 4.0);
-  EXPECT_EQ(vectorNorm(v, 2, 5), 0.0);
-}
-
-TEST(VectorArithmetic, WorksElementWiseAlsoInPlace) {
-  std::vector<double> a = {1, 2, 3}, b = {4, 5, 6}, y(3);
-  vectorAdd(3, a.data(), b.data(), y.data());
-  EXPECT_EQ(y, (std::vector<double>{5, 7, 9}));
-  vectorMultiply(3, a.data(), b.data(), a.data());
-  EXPECT_EQ(a, (std::vector<double>{4, 10, 18}));
-  vectorSubtract(3, a.data(), b.data(), b.data());
-  EXPECT_EQ(b, (std::vector<double>{0, 5, 12}));
-  normalizeToUnitSum(b.data(), 3, b.data());
-  EXPECT_DOUBLE_EQ(b[1], 5.0 / 17.0);
-}
-
 TEST(MatrixProducts, FollowTheOrderCodes) {
   const int rows = 3, cols = 4;
   auto m = test::RandomValues(rows * cols, 1);

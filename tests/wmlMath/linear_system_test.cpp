@@ -62,19 +62,5 @@ TEST(LinearSystem, TakesTheFirstLargestPivotInRowMajorOrder) {
   EXPECT_FALSE(LinearSystemd::Solve(bad, &bb, &xb));
 }
 
-TEST(GMatrix, CopiesTransposesSwapsRowsAndChecksIndices) {
-  const double entries[] = {1, 2, 3, 4, 5, 6};
-  GMatrixd m(2, 3, entries);
-  m.SwapRows(0, 1);
-  EXPECT_EQ(m[0][0], 4.0);
-  const GMatrixd copy = m;  // copies the rows as they read now
-  EXPECT_EQ(copy[1][2], 3.0);
-  const GMatrixd t = m.Transpose();
-  EXPECT_EQ(t.GetRows(), 3);
-  EXPECT_EQ(t[2][0], 6.0);
-  EXPECT_DEATH(m[2], "0 <= iRow && iRow < m_iRows");
-  EXPECT_DEATH(m.SwapRows(0, 5), "0 <= iRow0 && iRow0 < m_iRows && 0 <= iRow1 && iRow1 < m_iRows");
-}
-
 }  // namespace
 }  // namespace Wml
