@@ -10,6 +10,7 @@
 
 #include "fit/kernel_bank.h"
 #include "fit/plane_filter.h"
+#include "fit/thin_plate_cosine_solver.h"
 #include "marlith/error.hpp"
 
 namespace marlith {
@@ -125,53 +126,44 @@ struct ThinPlateSystem::Factorisation {
   std::vector<UmfIndex> rowIndices;    // from 0
   std::vector<double> values;
   UmfpackNumeric numeric;
+
+  Factorisation(const std::vector<double>& weights, int32_t width, int32_t height);
+  void Solve(const double* rhs, double* solution) const;
 };
 
-ThinPlateSystem::ThinPlateSystem(std::span<const double> weights, int32_t width, int32_t height)
-    : factorisation_(std::make_unique<Factorisation>()) {
-  assert(width > 0 && height > 0);
-  const size_t n = static_cast<size_t>(width) * height;
-  assert(weights.size() >= n);
-  weights_.assign(weights.begin(), weights.begin() + n);
-  // The stencil sums to zero, so B annihilates constants and needs weights to be regular. The
-  // pivot ratio below does not reliably flag this case on large planes (rounding leaves pivots
-  // of 1e-13 of the largest), so it is refused outright rather than answered with garbage.
-  if (std::all_of(weights_.begin(), weights_.end(), [](double v) { return v == 0.0; })) {
-    throw Error("thin-plate fit: every weight of the " + std::to_string(width) + " x " +
-                std::to_string(height) + " plane is zero, so the system is singular");
-  }
+ThinPlateSystem::Factorisation::Factorisation(const std::vector<double>& weights, int32_t width,
+                                              int32_t height) {
   SparseMatrixCSR m = buildFilterMatrix(thinPlateStencil(), 5, 5, kCorrelation, width, height);
 
   // UMFPACK wants 0-based indices, ascending within each compressed column. The weight goes
   // onto the diagonal entry; where clamped taps cancelled on the diagonal (a 1 x 1 plane) the
   // entry is missing and is put back, so the system stays B + diag(w).
-  Factorisation& f = *factorisation_;
-  f.columnStarts.resize(m.rowStarts.size());
-  f.rowIndices.reserve(m.columnIndices.size() + 1);
-  f.values.reserve(m.values.size() + 1);
+  columnStarts.resize(m.rowStarts.size());
+  rowIndices.reserve(m.columnIndices.size() + 1);
+  values.reserve(m.values.size() + 1);
   std::vector<std::pair<int32_t, double>> entries;
   entries.reserve(26);
   for (int32_t r = 0; r < m.rows; ++r) {
-    f.columnStarts[r] = static_cast<UmfIndex>(f.rowIndices.size());
+    columnStarts[r] = static_cast<UmfIndex>(rowIndices.size());
     entries.clear();
     bool diagonal = false;
     for (int32_t e = m.rowStarts[r] - 1; e < m.rowStarts[r + 1] - 1; ++e) {
       const int32_t column = m.columnIndices[e] - 1;
       double value = m.values[e];
       if (column == r) {
-        value += weights_[r];
+        value += weights[r];
         diagonal = true;
       }
       entries.emplace_back(column, value);
     }
-    if (!diagonal) entries.emplace_back(r, weights_[r]);
+    if (!diagonal) entries.emplace_back(r, weights[r]);
     std::sort(entries.begin(), entries.end());
     for (const auto& [row, value] : entries) {
-      f.rowIndices.push_back(row);
-      f.values.push_back(value);
+      rowIndices.push_back(row);
+      values.push_back(value);
     }
   }
-  f.columnStarts[m.rows] = static_cast<UmfIndex>(f.rowIndices.size());
+  columnStarts[m.rows] = static_cast<UmfIndex>(rowIndices.size());
   const UmfIndex order = m.rows;
   m = SparseMatrixCSR{};  // released before the factorisation takes its memory
 
@@ -185,15 +177,15 @@ ThinPlateSystem::ThinPlateSystem(std::span<const double> weights, int32_t width,
   control[UMFPACK_STRATEGY] = UMFPACK_STRATEGY_SYMMETRIC;
   control[UMFPACK_ORDERING] = UMFPACK_ORDERING_AMD;
   void* symbolicHandle = nullptr;
-  int status = umfpack_dl_symbolic(order, order, f.columnStarts.data(), f.rowIndices.data(),
-                                   f.values.data(), &symbolicHandle, control, nullptr);
+  int status = umfpack_dl_symbolic(order, order, columnStarts.data(), rowIndices.data(),
+                                   values.data(), &symbolicHandle, control, nullptr);
   const UmfpackSymbolic symbolic(symbolicHandle);
   CheckUmfpack(status, "ordering");
   double info[UMFPACK_INFO];
   void* numericHandle = nullptr;
-  status = umfpack_dl_numeric(f.columnStarts.data(), f.rowIndices.data(), f.values.data(),
+  status = umfpack_dl_numeric(columnStarts.data(), rowIndices.data(), values.data(),
                               symbolic.get(), &numericHandle, control, info);
-  f.numeric.reset(numericHandle);
+  numeric.reset(numericHandle);
   // A second guard for other near-singular weightings: an exact zero pivot is reported as a
   // warning, a tiny one by the pivot ratio.
   if (status == UMFPACK_OK && !(info[UMFPACK_RCOND] > kSingularPivotRatio)) {
@@ -202,17 +194,43 @@ ThinPlateSystem::ThinPlateSystem(std::span<const double> weights, int32_t width,
   CheckUmfpack(status, "factorisation");
 }
 
+void ThinPlateSystem::Factorisation::Solve(const double* rhs, double* solution) const {
+  CheckUmfpack(umfpack_dl_solve(UMFPACK_At, columnStarts.data(), rowIndices.data(),
+                                values.data(), solution, rhs, numeric.get(), nullptr, nullptr),
+               "solve");
+}
+
+ThinPlateSystem::ThinPlateSystem(std::span<const double> weights, int32_t width, int32_t height,
+                                 ThinPlateMethod method)
+    : width_(width), height_(height) {
+  assert(width > 0 && height > 0);
+  const size_t n = static_cast<size_t>(width) * height;
+  assert(weights.size() >= n);
+  weights_.assign(weights.begin(), weights.begin() + n);
+  // The stencil sums to zero, so B annihilates constants and needs weights to be regular. The
+  // pivot ratio below does not reliably flag this case on large planes (rounding leaves pivots
+  // of 1e-13 of the largest), so it is refused outright rather than answered with garbage.
+  if (std::all_of(weights_.begin(), weights_.end(), [](double v) { return v == 0.0; })) {
+    throw Error("thin-plate fit: every weight of the " + std::to_string(width) + " x " +
+                std::to_string(height) + " plane is zero, so the system is singular");
+  }
+  if (method == ThinPlateMethod::kAutomatic) {
+    cosine_ = ThinPlateCosineSolver::TryCreate(weights_, width, height);
+  }
+  if (!cosine_) factorisation_ = std::make_unique<Factorisation>(weights_, width, height);
+}
+
 ThinPlateSystem::~ThinPlateSystem() = default;
 
 void ThinPlateSystem::Solve(std::span<const double> data, std::span<double> output) const {
   const size_t n = weights_.size();
   std::vector<double> rhs(n), solution(n);
   for (size_t i = 0; i < n; ++i) rhs[i] = weights_[i] * data[i];
-  const Factorisation& f = *factorisation_;
-  CheckUmfpack(
-      umfpack_dl_solve(UMFPACK_At, f.columnStarts.data(), f.rowIndices.data(), f.values.data(),
-                       solution.data(), rhs.data(), f.numeric.get(), nullptr, nullptr),
-      "solve");
+  iterations_ = cosine_ && cosine_->Solve(rhs, solution) ? cosine_->lastIterations() : -1;
+  if (iterations_ < 0) {
+    if (!factorisation_) factorisation_ = std::make_unique<Factorisation>(weights_, width_, height_);
+    factorisation_->Solve(rhs.data(), solution.data());
+  }
   std::copy(solution.begin(), solution.end(), output.begin());
 }
 

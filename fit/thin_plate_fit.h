@@ -35,26 +35,46 @@ struct ThinPlateRequest {
   int32_t height = 0;
 };
 
-// (B + diag(w)) factorised once for a weight plane, for fits of several data planes with the
+class ThinPlateCosineSolver;
+
+// How ThinPlateSystem solves.
+enum class ThinPlateMethod {
+  // The cosine-preconditioned iteration when the weights vary along one axis only (the seam
+  // strips), falling back on the sparse LU if it does not converge; the LU otherwise.
+  kAutomatic,
+  kDirect,  // always UMFPACK's sparse LU
+};
+
+// (B + diag(w)) prepared once for a weight plane, for fits of several data planes with the
 // same weights (the colour channels of one image).
 class ThinPlateSystem {
  public:
-  // Assembles and factorises the system for a width x height weight plane (copied). Throws
-  // marlith::Error when every weight is zero (the stencil alone annihilates constants) or when
-  // UMFPACK reports a failure or a singular factorisation.
-  ThinPlateSystem(std::span<const double> weights, int32_t width, int32_t height);
+  // Prepares the system for a width x height weight plane (copied). Throws marlith::Error
+  // when every weight is zero (the stencil alone annihilates constants) or when the solver
+  // underneath reports a failure or a singular system.
+  ThinPlateSystem(std::span<const double> weights, int32_t width, int32_t height,
+                  ThinPlateMethod method = ThinPlateMethod::kAutomatic);
   ~ThinPlateSystem();
   ThinPlateSystem(const ThinPlateSystem&) = delete;
   ThinPlateSystem& operator=(const ThinPlateSystem&) = delete;
 
   // Solves for data d into output (which may be d itself); both width x height. Several data
-  // planes may be solved with one system; each result equals a fresh fitThinPlate.
+  // planes may be solved with one system, one after the other (the system's work planes are
+  // shared); each result equals a fresh fitThinPlate.
   void Solve(std::span<const double> data, std::span<double> output) const;
+
+  // The iterations the last Solve took, -1 when it solved directly (for the tests and
+  // benchmarks).
+  int iterations() const { return iterations_; }
 
  private:
   struct Factorisation;
-  std::unique_ptr<Factorisation> factorisation_;
+  // The sparse LU, made in the constructor or, after the iteration failed, on first need.
+  mutable std::unique_ptr<Factorisation> factorisation_;
+  std::unique_ptr<ThinPlateCosineSolver> cosine_;
   std::vector<double> weights_;
+  int32_t width_ = 0, height_ = 0;
+  mutable int iterations_ = -1;
 };
 
 // One fit; returns 0. Throws marlith::Error when the system cannot be solved.
