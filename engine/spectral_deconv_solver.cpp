@@ -151,7 +151,9 @@ struct SpectralRow {
   Complex dxRow, dyRow;
   const Complex* psiY;
   const Complex* numerator;
-  const double* gradientPower;
+  const double* dxPowerByColumn;  // |Dx|^2 = dxPowerByColumn[u] x dxPowerRow, likewise |Dy|^2
+  const double* dyPowerByColumn;
+  double dxPowerRow, dyPowerRow;
   const double* kernelPower;
   double gamma, inverseScale;
 };
@@ -162,7 +164,9 @@ __attribute__((target_clones("avx512f", "avx2", "default"))) void DivideSpectral
   const Complex bx = r.dxRow, by = r.dyRow;
   const Complex* __restrict py = r.psiY;
   const Complex* __restrict num = r.numerator;
-  const double* __restrict gp = r.gradientPower;
+  const double* __restrict gx = r.dxPowerByColumn;
+  const double* __restrict gy = r.dyPowerByColumn;
+  const double gxRow = r.dxPowerRow, gyRow = r.dyPowerRow;
   const double* __restrict kp = r.kernelPower;
   const double gamma = r.gamma, inverseScale = r.inverseScale;
   for (int u = 0; u < r.count; ++u) {
@@ -176,7 +180,8 @@ __attribute__((target_clones("avx512f", "avx2", "default"))) void DivideSpectral
         cxRe * px.real() - cxIm * px.imag() + (cyRe * pyu.real() - cyIm * pyu.imag());
     const double sumIm =
         cxRe * px.imag() + cxIm * px.real() + (cyRe * pyu.imag() + cyIm * pyu.real());
-    const double denominator = gamma * gp[u] + kp[u];
+    const double gradientPower = gx[u] * gxRow + gy[u] * gyRow;
+    const double denominator = gamma * gradientPower + kp[u];
     const double scale = inverseScale / denominator;
     psiX[u] = Complex((gamma * sumRe + num[u].real()) * scale,
                       (gamma * sumIm + num[u].imag()) * scale);
@@ -266,6 +271,17 @@ void SpectralDeconvSolver::ResetDefaults() {
   betaFactor = 2.0;
 }
 
+std::vector<double> SpectralDeconvSolver::gradientPower() const {
+  const int Wc = width_ / 2 + 1;
+  std::vector<double> power(spectrumSize_);
+  for (int v = 0; v < height_; ++v)
+    for (int u = 0; u < Wc; ++u)
+      power[static_cast<size_t>(v) * Wc + u] =
+          conjDx_.powerByColumn[u] * conjDx_.powerByRow[v] +
+          conjDy_.powerByColumn[u] * conjDy_.powerByRow[v];
+  return power;
+}
+
 void SpectralDeconvSolver::PrecomputeGradientSpectra() {
   auto shifted = [&](std::vector<double> filter) {
     CircularShiftHalf(filter, filter, width_, height_);
@@ -275,15 +291,13 @@ void SpectralDeconvSolver::PrecomputeGradientSpectra() {
                           conjDx_.byColumn, conjDx_.byRow);
   FactorConjugateSpectrum(shifted(MakeDyFilter(width_, height_)), width_, height_,
                           conjDy_.byColumn, conjDy_.byRow);
-  // |Dx|^2 + |Dy|^2 from the same factors the solve uses.
-  const int Wc = width_ / 2 + 1;
-  gradientPower_.resize(spectrumSize_);
-  for (int v = 0; v < height_; ++v)
-    for (int u = 0; u < Wc; ++u) {
-      gradientPower_[static_cast<size_t>(v) * Wc + u] =
-          std::norm(conjDx_.byColumn[u]) * std::norm(conjDx_.byRow[v]) +
-          std::norm(conjDy_.byColumn[u]) * std::norm(conjDy_.byRow[v]);
-    }
+  // |Dx|^2 and |Dy|^2 factor as well; the division forms their sum per sample.
+  for (FactoredSpectrum* f : {&conjDx_, &conjDy_}) {
+    f->powerByColumn.resize(f->byColumn.size());
+    f->powerByRow.resize(f->byRow.size());
+    for (size_t u = 0; u < f->byColumn.size(); ++u) f->powerByColumn[u] = std::norm(f->byColumn[u]);
+    for (size_t v = 0; v < f->byRow.size(); ++v) f->powerByRow[v] = std::norm(f->byRow[v]);
+  }
 
   imageSpectrum_ = AllocateFftwBuffer<Complex>(spectrumSize_);
   std::fill_n(imageSpectrum_.get(), spectrumSize_, Complex(0.0, 0.0));
@@ -415,7 +429,6 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
   const double* mask = smoothMask_.data();
   const double* refX = refGradX_.data();
   const double* refY = refGradY_.data();
-  const double* gradPower = gradientPower_.data();
   const double* kernelPower = kernelPower_.data();
   const Complex* numerator = numerator_.get();
   const int Wc = W / 2 + 1;
@@ -463,7 +476,10 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
                             .dyRow = dyByRow[v],
                             .psiY = psiYSpectrum + row,
                             .numerator = numerator + row,
-                            .gradientPower = gradPower + row,
+                            .dxPowerByColumn = conjDx_.powerByColumn.data(),
+                            .dyPowerByColumn = conjDy_.powerByColumn.data(),
+                            .dxPowerRow = conjDx_.powerByRow[v],
+                            .dyPowerRow = conjDy_.powerByRow[v],
                             .kernelPower = kernelPower + row,
                             .gamma = gamma,
                             .inverseScale = inverseScale};

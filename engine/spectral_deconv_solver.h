@@ -103,7 +103,7 @@ class SpectralDeconvSolver : public DeconvSolver {
 
   // Read access for tests and the refinement pass.
   std::span<const double> kernelPower() const { return kernelPower_; }
-  std::span<const double> gradientPower() const { return gradientPower_; }
+  std::vector<double> gradientPower() const;  // |Dx|^2 + |Dy|^2, formed from its factors
   std::span<const Complex> conjKernel() const { return {conjKernel_.get(), spectrumSize_}; }
   std::span<const Complex> numerator() const { return {numerator_.get(), spectrumSize_}; }
   std::span<const Complex> imageSpectrum() const { return {imageSpectrum_.get(), spectrumSize_}; }
@@ -129,6 +129,7 @@ class SpectralDeconvSolver : public DeconvSolver {
   // vectors instead of two complex planes.
   struct FactoredSpectrum {
     std::vector<Complex> byColumn, byRow;
+    std::vector<double> powerByColumn, powerByRow;  // the squared magnitudes of the factors
   };
   FactoredSpectrum conjDx_, conjDy_;
   FftwBuffer<Complex> numerator_, conjKernel_, imageSpectrum_;
@@ -137,7 +138,7 @@ class SpectralDeconvSolver : public DeconvSolver {
   // (each channel, each noise level), so their pages are touched once.
   FftwBuffer<double> latentA_, latentB_, psiX_, psiY_;
   FftwBuffer<Complex> psiXSpectrum_, psiYSpectrum_;
-  std::vector<double> kernelPower_, gradientPower_;
+  std::vector<double> kernelPower_;
   std::vector<double> refGradX_, refGradY_, smoothMask_;
   std::vector<double> kernelCopy_;
   int kernelWidth_ = 0;
