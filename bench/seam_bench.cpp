@@ -83,10 +83,11 @@ int main(int argc, char** argv) {
     start = std::chrono::steady_clock::now();
     system.Solve(s.data, iterative);
     const double solve = Seconds(start);
-    std::printf("%s strip %d x %d: %d iterations, setup %.3f s, solve %.3f s, residual %.1e, "
-                "peak %ld MiB\n",
-                s.name, s.w, s.h, system.iterations(), setup, solve,
-                Residual(iterative, s.weights, s.data, s.w, s.h), PeakMiB());
+    std::printf(
+        "%s strip %d x %d: %d iterations, setup %.3f s, solve %.3f s, residual %.1e, "
+        "peak %ld MiB\n",
+        s.name, s.w, s.h, system.iterations(), setup, solve,
+        Residual(iterative, s.weights, s.data, s.w, s.h), PeakMiB());
     if (!direct) {
       s.data = iterative;
       continue;
@@ -102,9 +103,10 @@ int main(int argc, char** argv) {
       diff = std::max(diff, std::fabs(exact[i] - iterative[i]));
       scale = std::max(scale, std::fabs(exact[i]));
     }
-    std::printf("  sparse LU: factorisation %.3f s, solve %.3f s, residual %.1e; largest "
-                "difference %.1e of the largest value\n",
-                luSetup, luSolve, Residual(exact, s.weights, s.data, s.w, s.h), diff / scale);
+    std::printf(
+        "  sparse LU: factorisation %.3f s, solve %.3f s, residual %.1e; largest "
+        "difference %.1e of the largest value\n",
+        luSetup, luSolve, Residual(exact, s.weights, s.data, s.w, s.h), diff / scale);
     s.data = iterative;
   }
   std::vector<double> corner(L.cornerSize());

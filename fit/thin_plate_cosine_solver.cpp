@@ -56,8 +56,8 @@ void Axpy(double alpha, const double* x, double* y, ptrdiff_t n) {
 bool ConstantAlong(std::span<const double> w, int32_t width, int32_t height, bool alongRows) {
   for (int32_t y = 0; y < height; ++y)
     for (int32_t x = 0; x < width; ++x) {
-      const double first = alongRows ? w[static_cast<size_t>(y) * width]
-                                     : w[static_cast<size_t>(x)];
+      const double first =
+          alongRows ? w[static_cast<size_t>(y) * width] : w[static_cast<size_t>(x)];
       if (w[static_cast<size_t>(y) * width + x] != first) return false;
     }
   return true;
@@ -115,8 +115,7 @@ std::unique_ptr<ThinPlateCosineSolver> ThinPlateCosineSolver::TryCreate(
       const double lower2 = i >= 2 ? invd[before2] : 0.0;
       const double lower1 =
           i >= 1 ? (m[1] - (i >= 2 ? lower2 * u1[before2] : 0.0)) * invd[before1] : 0.0;
-      const double pivot =
-          m[2] - (i >= 2 ? lower2 : 0.0) - (i >= 1 ? lower1 * u1[before1] : 0.0);
+      const double pivot = m[2] - (i >= 2 ? lower2 : 0.0) - (i >= 1 ? lower1 * u1[before1] : 0.0);
       const double upper1 = m[3] - (i >= 1 && i + 1 < nb ? lower1 : 0.0);
       if (!(std::fabs(pivot) > 1e-12 * (std::fabs(m[2]) + 1.0)) || !std::isfinite(pivot)) {
         regular = false;
@@ -142,8 +141,8 @@ std::unique_ptr<ThinPlateCosineSolver> ThinPlateCosineSolver::TryCreate(
                            s->spectrum_.get(), nullptr, 1, length, &dct2, FFTW_ESTIMATE),
         "cosine transform of a thin-plate strip");
     s->inverse_ = AdoptFftwPlan(
-        fftw_plan_many_r2r(1, &length, nb, s->spectrum_.get(), nullptr, 1, length,
-                           s->work_.get(), nullptr, stride, distance, &dct3, FFTW_ESTIMATE),
+        fftw_plan_many_r2r(1, &length, nb, s->spectrum_.get(), nullptr, 1, length, s->work_.get(),
+                           nullptr, stride, distance, &dct3, FFTW_ESTIMATE),
         "inverse cosine transform of a thin-plate strip");
   }
   return s;

@@ -7,9 +7,9 @@
 // x[1]. With that mirror instead, the system splits into one banded system per cosine mode
 // across the other axis (bandwidth 2), which is exact and takes O(n log n). That solve is the
 // preconditioner of restarted GMRES on the true clamped system; the two differing rows are a
-// low-rank change, and the iteration converges in a handful of steps. Memory stays a small
-// multiple of the plane, where a sparse LU of a strip many samples wide fills in to hundreds
-// of values per unknown.
+// low- rank change, and the iteration reaches rounding level in a few tens of steps. Memory is
+// a few dozen planes, where a sparse LU of a strip many samples wide fills in to hundreds of
+// values per unknown.
 #pragma once
 
 #include <cstdint>
@@ -47,7 +47,7 @@ class ThinPlateCosineSolver {
   int32_t width_ = 0, height_ = 0;
   // Lengths of the transformed axis (the weights are constant along it) and the banded one.
   int32_t transformLength_ = 0, bandLength_ = 0;
-  bool weightsAlongX_ = false;        // the weights change along x (constant down columns)
+  bool weightsAlongX_ = false;       // the weights change along x (constant down columns)
   std::vector<double> bandWeights_;  // w along the banded axis
   // The L U factors of every mode's banded system, three planes laid out as the spectrum
   // (band row b, mode k at b * transformLength_ + k): L's first subdiagonal, the inverse of U's

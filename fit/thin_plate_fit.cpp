@@ -183,8 +183,8 @@ ThinPlateSystem::Factorisation::Factorisation(const std::vector<double>& weights
   CheckUmfpack(status, "ordering");
   double info[UMFPACK_INFO];
   void* numericHandle = nullptr;
-  status = umfpack_dl_numeric(columnStarts.data(), rowIndices.data(), values.data(),
-                              symbolic.get(), &numericHandle, control, info);
+  status = umfpack_dl_numeric(columnStarts.data(), rowIndices.data(), values.data(), symbolic.get(),
+                              &numericHandle, control, info);
   numeric.reset(numericHandle);
   // A second guard for other near-singular weightings: an exact zero pivot is reported as a
   // warning, a tiny one by the pivot ratio.
@@ -195,8 +195,8 @@ ThinPlateSystem::Factorisation::Factorisation(const std::vector<double>& weights
 }
 
 void ThinPlateSystem::Factorisation::Solve(const double* rhs, double* solution) const {
-  CheckUmfpack(umfpack_dl_solve(UMFPACK_At, columnStarts.data(), rowIndices.data(),
-                                values.data(), solution, rhs, numeric.get(), nullptr, nullptr),
+  CheckUmfpack(umfpack_dl_solve(UMFPACK_At, columnStarts.data(), rowIndices.data(), values.data(),
+                                solution, rhs, numeric.get(), nullptr, nullptr),
                "solve");
 }
 
@@ -228,7 +228,8 @@ void ThinPlateSystem::Solve(std::span<const double> data, std::span<double> outp
   for (size_t i = 0; i < n; ++i) rhs[i] = weights_[i] * data[i];
   iterations_ = cosine_ && cosine_->Solve(rhs, solution) ? cosine_->lastIterations() : -1;
   if (iterations_ < 0) {
-    if (!factorisation_) factorisation_ = std::make_unique<Factorisation>(weights_, width_, height_);
+    if (!factorisation_)
+      factorisation_ = std::make_unique<Factorisation>(weights_, width_, height_);
     factorisation_->Solve(rhs.data(), solution.data());
   }
   std::copy(solution.begin(), solution.end(), output.begin());

@@ -165,7 +165,7 @@ TEST(ThinPlateSystem, IteratesOnAxisWeightsToTheDirectSolution) {
     bool alongX;  // weights change along x (constant down the columns)
     int band;     // 0: random weights
   };
-  const Case cases[] = {{64, 200, true, 8}, {300, 40, false, 5}, {37, 23, true, 0},
+  const Case cases[] = {{64, 200, true, 8}, {300, 40, false, 5},  {37, 23, true, 0},
                         {29, 41, false, 0}, {128, 500, true, 16}, {5, 7, true, 1},
                         {1, 9, false, 0},   {2, 9, false, 0},     {9, 2, true, 0},
                         {9, 1, false, 0}};
