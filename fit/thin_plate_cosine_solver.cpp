@@ -30,11 +30,14 @@ constexpr double kAcceptable = 1e-12;
 // Dot products in fixed blocks summed in block order, so that the result does not depend on
 // the number of threads.
 constexpr ptrdiff_t kReductionBlock = 1 << 14;
+// Planes smaller than this are worked by one thread: waking the team would cost more.
+constexpr ptrdiff_t kParallelFrom = 1 << 15;
 
 double Dot(const double* a, const double* b, ptrdiff_t n) {
   const ptrdiff_t blocks = (n + kReductionBlock - 1) / kReductionBlock;
   std::vector<double> partial(static_cast<size_t>(blocks));
-#pragma omp parallel for schedule(static)
+  const bool parallel = n >= kParallelFrom;
+#pragma omp parallel for schedule(static) if (parallel)
   for (ptrdiff_t k = 0; k < blocks; ++k) {
     const ptrdiff_t end = std::min(n, (k + 1) * kReductionBlock);
     double s = 0.0;
@@ -48,7 +51,8 @@ double Dot(const double* a, const double* b, ptrdiff_t n) {
 
 // y += alpha x
 void Axpy(double alpha, const double* x, double* y, ptrdiff_t n) {
-#pragma omp parallel for schedule(static)
+  const bool parallel = n >= kParallelFrom;
+#pragma omp parallel for schedule(static) if (parallel)
   for (ptrdiff_t i = 0; i < n; ++i) y[i] += alpha * x[i];
 }
 
@@ -96,7 +100,7 @@ std::unique_ptr<ThinPlateCosineSolver> ThinPlateCosineSolver::TryCreate(
   const size_t n = static_cast<size_t>(width) * height;
   s->factors_.assign(3 * n, 0.0);
   bool regular = true;
-#pragma omp parallel for schedule(static) reduction(&& : regular)
+#pragma omp parallel for schedule(static) reduction(&& : regular) if (n >= kParallelFrom)
   for (int k = 0; k < nt; ++k) {
     const double theta = std::numbers::pi * k / nt;
     const double c1 = 2.0 * std::cos(theta), c2 = 2.0 * std::cos(2.0 * theta);
@@ -131,7 +135,7 @@ std::unique_ptr<ThinPlateCosineSolver> ThinPlateCosineSolver::TryCreate(
   s->spectrum_ = AllocateFftwBuffer<double>(n);
   {
     std::lock_guard<std::mutex> lock(FftwPlannerMutex());
-    fftw_plan_with_nthreads(omp_get_max_threads());
+    fftw_plan_with_nthreads(static_cast<ptrdiff_t>(n) >= kParallelFrom ? omp_get_max_threads() : 1);
     const int length = nt, stride = transformStride, distance = bandStride;
     // The spectrum is laid out mode-fastest (row b of the band axis holds every mode), so the
     // band solves run along contiguous rows whichever axis is transformed.
@@ -153,7 +157,8 @@ ThinPlateCosineSolver::~ThinPlateCosineSolver() = default;
 // y = (B + diag(w)) x with B the 5 x 5 biharmonic stencil, neighbours clamped into the plane.
 void ThinPlateCosineSolver::ApplySystem(const double* x, double* y) const {
   const int W = width_, H = height_;
-#pragma omp parallel for schedule(static)
+  const bool parallel = static_cast<ptrdiff_t>(W) * H >= kParallelFrom;
+#pragma omp parallel for schedule(static) if (parallel)
   for (int r = 0; r < H; ++r) {
     const double* row[5];
     for (int d = -2; d <= 2; ++d)
@@ -192,7 +197,8 @@ void ThinPlateCosineSolver::ApplyPreconditioner(const double* r, double* z) cons
   const double* invd = inverseDiagonal();
   const double* u1 = upper1();
   const int chunks = (nt + kModeChunk - 1) / kModeChunk;
-#pragma omp parallel for schedule(static)
+  const bool parallel = n >= kParallelFrom;
+#pragma omp parallel for schedule(static) if (parallel)
   for (int c = 0; c < chunks; ++c) {
     const int k0 = c * kModeChunk, k1 = std::min(nt, k0 + kModeChunk);
     // L z = scale f, row by row down the band, every mode of the chunk at once; L's second
@@ -237,6 +243,7 @@ bool ThinPlateCosineSolver::Solve(std::span<const double> rhs, std::span<double>
   const ptrdiff_t n = static_cast<ptrdiff_t>(width_) * height_;
   assert(static_cast<ptrdiff_t>(rhs.size()) >= n && static_cast<ptrdiff_t>(x.size()) >= n);
   lastIterations_ = 0;
+  const bool parallel = n >= kParallelFrom;
   const double rhsNorm = std::sqrt(Dot(rhs.data(), rhs.data(), n));
   if (rhsNorm == 0.0) {
     std::fill_n(x.begin(), n, 0.0);
@@ -252,7 +259,7 @@ bool ThinPlateCosineSolver::Solve(std::span<const double> rhs, std::span<double>
   while (true) {
     ApplySystem(x.data(), w.data());
     double* r = v(0);
-#pragma omp parallel for schedule(static)
+#pragma omp parallel for schedule(static) if (parallel)
     for (ptrdiff_t i = 0; i < n; ++i) r[i] = rhs[i] - w[i];
     const double beta = std::sqrt(Dot(r, r, n));
     if (!std::isfinite(beta)) return false;
@@ -276,7 +283,7 @@ bool ThinPlateCosineSolver::Solve(std::span<const double> rhs, std::span<double>
       if (h[j + 1][j] > 0.0) {
         const double inv = 1.0 / h[j + 1][j];
         double* next = v(j + 1);
-#pragma omp parallel for schedule(static)
+#pragma omp parallel for schedule(static) if (parallel)
         for (ptrdiff_t i = 0; i < n; ++i) next[i] = w[i] * inv;
       }
       for (int i = 0; i < j; ++i) {  // earlier rotations on the new column
