@@ -21,7 +21,8 @@ constexpr int kModeChunk = 256;
 // The iteration runs until the relative residual stops falling (a restart cycle that gains
 // less than kStagnation), which on these systems is near 1.5e-14, the residual the sparse LU
 // leaves too; stopping earlier is not enough: the strips' condition numbers near 1e10 turn a
-// residual of 1e-13 into differences of 1e-9 from the direct solution. A solution is accepted
+// residual of 1e-13 into differences of 1e-9 from the direct solution. A residual below
+// kTolerance (small systems can reach it) ends the iteration at once; a solution is accepted
 // when its residual is below kAcceptable.
 constexpr double kTolerance = 1e-16;
 constexpr double kStagnation = 0.3;
