@@ -16,28 +16,25 @@ std::vector<double> extendPeriodicBorderPlanes(std::span<const double> planes, i
   const size_t imageSize = static_cast<size_t>(width) * height;
   const size_t paddedSize = static_cast<size_t>(width + 2 * padX) * (height + 2 * padY);
 
-  // One factorisation per seam serves every channel: the weights do not depend on the data.
-  // Each factorisation is released as soon as its channels are solved, so only one is held.
+  // One system per seam serves every channel: the weights do not depend on the data. Each
+  // system is released as soon as its channels are solved, so only one is held.
+  auto fitStrips = [&](const std::vector<double>& weights, int w, int h, auto fill,
+                       std::vector<double>& strips) {
+    const size_t size = static_cast<size_t>(w) * h;
+    strips.resize(size * channels);
+    const ThinPlateSystem system(weights, w, h);
+    for (int c = 0; c < channels; ++c) {
+      const std::span<double> strip(strips.data() + c * size, size);
+      fill(L, planes.data() + c * imageSize, strip.data());
+      system.Solve(strip, strip);
+    }
+  };
   const size_t lrSize = L.lrSize(), tbSize = L.tbSize();
-  std::vector<double> lr(lrSize * channels), tb(tbSize * channels), corner(L.cornerSize());
-  {
-    const ThinPlateSystem system(LeftRightWeights(L), L.SW, L.H);
-    for (int c = 0; c < channels; ++c) {
-      std::span<double> strip(lr.data() + c * lrSize, lrSize);
-      FillLeftRight(L, planes.data() + c * imageSize, strip.data());
-      system.Solve(strip, strip);
-    }
-  }
-  {
-    const ThinPlateSystem system(TopBottomWeights(L), L.W, L.SH);
-    for (int c = 0; c < channels; ++c) {
-      std::span<double> strip(tb.data() + c * tbSize, tbSize);
-      FillTopBottom(L, planes.data() + c * imageSize, strip.data());
-      system.Solve(strip, strip);
-    }
-  }
-  // The padded planes are obtained only now, so the strips' factorisations did not share the
-  // memory with them.
+  std::vector<double> lr, tb, corner(L.cornerSize());
+  fitStrips(LeftRightWeights(L), L.SW, L.H, FillLeftRight, lr);
+  fitStrips(TopBottomWeights(L), L.W, L.SH, FillTopBottom, tb);
+  // The padded planes are obtained only now, so the strips' systems did not share the memory
+  // with them.
   std::vector<double> padded(paddedSize * channels);
   const ThinPlateSystem cornerSystem(CornerWeights(L), L.SW, L.SH);
   for (int c = 0; c < channels; ++c) {

@@ -34,9 +34,10 @@ constexpr ptrdiff_t kReductionBlock = 1 << 14;
 // Planes smaller than this are worked by one thread: waking the team would cost more.
 constexpr ptrdiff_t kParallelFrom = 1 << 15;
 
-double Dot(const double* a, const double* b, ptrdiff_t n) {
+// partial holds one sum per block; the caller keeps it, so the iteration allocates nothing.
+double Dot(const double* a, const double* b, ptrdiff_t n, std::vector<double>& partial) {
   const ptrdiff_t blocks = (n + kReductionBlock - 1) / kReductionBlock;
-  std::vector<double> partial(static_cast<size_t>(blocks));
+  partial.resize(static_cast<size_t>(blocks));
   const bool parallel = n >= kParallelFrom;
 #pragma omp parallel for schedule(static) if (parallel)
   for (ptrdiff_t k = 0; k < blocks; ++k) {
@@ -99,16 +100,18 @@ std::unique_ptr<ThinPlateCosineSolver> ThinPlateCosineSolver::TryCreate(
   // vanishes (negative weights could make one) turns the solver down, and the caller solves
   // directly.
   const size_t n = static_cast<size_t>(width) * height;
-  s->factors_.assign(3 * n, 0.0);
+  s->lower1_.resize(n);
+  s->inverseDiagonal_.resize(n);
+  s->upper1_.resize(n);
   bool regular = true;
 #pragma omp parallel for schedule(static) reduction(&& : regular) if (n >= kParallelFrom)
   for (int k = 0; k < nt; ++k) {
     const double theta = std::numbers::pi * k / nt;
     const double c1 = 2.0 * std::cos(theta), c2 = 2.0 * std::cos(2.0 * theta);
     const double a[3] = {20.0 - 8.0 * c1 + c2, -8.0 + 2.0 * c1, 1.0};
-    double* l1 = s->lower1();
-    double* invd = s->inverseDiagonal();
-    double* u1 = s->upper1();
+    double* l1 = s->lower1_.data();
+    double* invd = s->inverseDiagonal_.data();
+    double* u1 = s->upper1_.data();
     for (int i = 0; i < nb; ++i) {
       // Row i of the matrix: m[d + 2] at column i + d, clamped taps merged.
       double m[5] = {0.0, 0.0, s->bandWeights_[i], 0.0, 0.0};
@@ -194,9 +197,9 @@ void ThinPlateCosineSolver::ApplyPreconditioner(const double* r, double* z) cons
   const int nt = transformLength_, nb = bandLength_;
   const double scale = 1.0 / (2.0 * nt);  // DCT-III after DCT-II gives 2 nt times the input
   double* spectrum = spectrum_.get();
-  const double* l1 = lower1();
-  const double* invd = inverseDiagonal();
-  const double* u1 = upper1();
+  const double* l1 = lower1_.data();
+  const double* invd = inverseDiagonal_.data();
+  const double* u1 = upper1_.data();
   const int chunks = (nt + kModeChunk - 1) / kModeChunk;
   const bool parallel = n >= kParallelFrom;
 #pragma omp parallel for schedule(static) if (parallel)
@@ -245,7 +248,8 @@ bool ThinPlateCosineSolver::Solve(std::span<const double> rhs, std::span<double>
   assert(static_cast<ptrdiff_t>(rhs.size()) >= n && static_cast<ptrdiff_t>(x.size()) >= n);
   lastIterations_ = 0;
   const bool parallel = n >= kParallelFrom;
-  const double rhsNorm = std::sqrt(Dot(rhs.data(), rhs.data(), n));
+  std::vector<double> partial;
+  const double rhsNorm = std::sqrt(Dot(rhs.data(), rhs.data(), n, partial));
   if (rhsNorm == 0.0) {
     std::fill_n(x.begin(), n, 0.0);
     return true;
@@ -262,7 +266,7 @@ bool ThinPlateCosineSolver::Solve(std::span<const double> rhs, std::span<double>
     double* r = v(0);
 #pragma omp parallel for schedule(static) if (parallel)
     for (ptrdiff_t i = 0; i < n; ++i) r[i] = rhs[i] - w[i];
-    const double beta = std::sqrt(Dot(r, r, n));
+    const double beta = std::sqrt(Dot(r, r, n, partial));
     if (!std::isfinite(beta)) return false;
     if (beta <= kTolerance * rhsNorm) return true;
     if (beta > kStagnation * previousBeta || lastIterations_ >= kMaxIterations) {
@@ -277,10 +281,10 @@ bool ThinPlateCosineSolver::Solve(std::span<const double> rhs, std::span<double>
       ApplyPreconditioner(v(j), z.data());
       ApplySystem(z.data(), w.data());
       for (int i = 0; i <= j; ++i) {  // modified Gram-Schmidt
-        h[i][j] = Dot(w.data(), v(i), n);
+        h[i][j] = Dot(w.data(), v(i), n, partial);
         Axpy(-h[i][j], v(i), w.data(), n);
       }
-      h[j + 1][j] = std::sqrt(Dot(w.data(), w.data(), n));
+      h[j + 1][j] = std::sqrt(Dot(w.data(), w.data(), n, partial));
       if (h[j + 1][j] > 0.0) {
         const double inv = 1.0 / h[j + 1][j];
         double* next = v(j + 1);

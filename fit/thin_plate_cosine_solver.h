@@ -49,18 +49,10 @@ class ThinPlateCosineSolver {
   int32_t transformLength_ = 0, bandLength_ = 0;
   bool weightsAlongX_ = false;       // the weights change along x (constant down columns)
   std::vector<double> bandWeights_;  // w along the banded axis
-  // The L U factors of every mode's banded system, three planes laid out as the spectrum
-  // (band row b, mode k at b * transformLength_ + k): L's first subdiagonal, the inverse of U's
-  // diagonal and U's first superdiagonal (the outer diagonals follow from these).
-  std::vector<double> factors_;
-  double* factorPlane(int i) { return factors_.data() + i * (factors_.size() / 3); }
-  const double* factorPlane(int i) const { return factors_.data() + i * (factors_.size() / 3); }
-  double* lower1() { return factorPlane(0); }
-  double* inverseDiagonal() { return factorPlane(1); }
-  double* upper1() { return factorPlane(2); }
-  const double* lower1() const { return factorPlane(0); }
-  const double* inverseDiagonal() const { return factorPlane(1); }
-  const double* upper1() const { return factorPlane(2); }
+  // The L U factors of every mode's banded system, laid out as the spectrum (band row b, mode
+  // k at b * transformLength_ + k): L's first subdiagonal, the inverse of U's diagonal and U's
+  // first superdiagonal (the outer diagonals follow from these).
+  std::vector<double> lower1_, inverseDiagonal_, upper1_;
   FftwBuffer<double> work_, spectrum_;  // a plane as laid out, and its spectrum
   FftwPlan forward_, inverse_;
   mutable int lastIterations_ = 0;
