@@ -9,8 +9,8 @@
 #include <random>
 #include <vector>
 
+#include "engine/deconv_solver.h"
 #include "engine/plane_padding.h"
-#include "engine/spectral_deconv_solver.h"
 
 int main(int argc, char** argv) {
   using namespace marlith;

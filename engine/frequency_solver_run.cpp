@@ -6,8 +6,8 @@
 #include <thread>
 #include <vector>
 
+#include "engine/deconv_solver.h"
 #include "engine/plane_padding.h"
-#include "engine/spectral_deconv_solver.h"
 #include "fit/border_extension.h"
 #include "marlith/error.hpp"
 

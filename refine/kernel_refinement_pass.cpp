@@ -4,8 +4,8 @@
 #include <cassert>
 #include <vector>
 
+#include "engine/deconv_solver.h"
 #include "engine/plane_padding.h"
-#include "engine/spectral_deconv_solver.h"
 #include "refine/kernel_reestimation.h"
 
 namespace marlith {

@@ -7,7 +7,7 @@
 #include <span>
 #include <vector>
 
-#include "engine/spectral_transform.h"
+#include "engine/fourier_transform.h"
 
 namespace marlith {
 

@@ -1,4 +1,4 @@
-#include "engine/spectral_transform.h"
+#include "engine/fourier_transform.h"
 
 #include <cassert>
 

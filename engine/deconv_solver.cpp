@@ -1,4 +1,4 @@
-#include "engine/spectral_deconv_solver.h"
+#include "engine/deconv_solver.h"
 
 #include <algorithm>
 #include <cassert>
