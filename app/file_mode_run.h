@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "image/image_container.h"
+#include "image/image_planes.h"
 
 namespace marlith {
 
@@ -17,14 +18,6 @@ struct DeconvFileJob {
   double noise = 0.0;             // user value / 2000
   double localPriorWeight = 0.0;  // user value x 20
   int32_t boundaryType = 0;
-};
-
-// Planes of doubles on the [0, 1] scale, planar, with their size.
-struct ImagePlanes {
-  std::vector<double> planes;
-  int32_t width = 0;
-  int32_t height = 0;
-  int32_t channels = 0;
 };
 
 // An image's samples / 255: three planes (red, green, blue) for a colour image without alpha

@@ -9,8 +9,8 @@
 #include <random>
 #include <vector>
 
-#include "engine/deconv_solver.h"
-#include "engine/plane_padding.h"
+#include "plane/deconv_solver.h"
+#include "plane/plane_padding.h"
 
 int main(int argc, char** argv) {
   using namespace marlith;

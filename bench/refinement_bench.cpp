@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "bench/synthesis.h"
-#include "engine/plane_padding.h"
+#include "plane/plane_padding.h"
 #include "refine/kernel_reestimation.h"
 #include "refine/kernel_refinement_pass.h"
 

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "image/image_planes.h"
+
 namespace marlith::synthesis {
 
 // How a blur treats samples outside the image.
@@ -37,13 +39,7 @@ double Ssim(std::span<const double> a, std::span<const double> b, int width, int
 
 namespace marlith::synthesis {
 
-// An image as planes of doubles on the [0, 1] scale (planar: red, green, blue or one grey).
-struct ImagePlanes {
-  std::vector<double> planes;
-  int width = 0;
-  int height = 0;
-  int channels = 0;
-};
+using marlith::ImagePlanes;
 
 // Reads an image file with GraphicsMagick, independently of marlith's own image layer:
 // grey images give one plane, colour images three. Throws std::runtime_error on failure.

@@ -6,8 +6,8 @@
 #include <string>
 
 #include "engine/frequency_solver_run.h"
-#include "engine/plane_padding.h"
 #include "marlith/error.hpp"
+#include "plane/plane_padding.h"
 #include "refine/kernel_refinement_pass.h"
 
 namespace marlith {

@@ -1,19 +1,49 @@
 #include "engine/frequency_solver_run.h"
 
 #include <algorithm>
-#include <span>
+#include <cassert>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "engine/deconv_solver.h"
-#include "engine/plane_padding.h"
 #include "fit/border_extension.h"
 #include "marlith/error.hpp"
+#include "plane/channel_solve.h"
+#include "plane/plane_padding.h"
+#include "refine/kernel_refinement_pass.h"
 
 namespace marlith {
+namespace {
 
-WorkingPlanes PrepareWorkingPlanes(const DeconvRequest& request) {
+int ThreadCount(int requested) {
+  return requested > 0 ? requested
+                       : static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
+}
+
+// The margin on each side of a working side of size n for a kernel of size k.
+int MarginFor(int n, int k, MarginSize margins) {
+  const int exact = 3 * k;
+  if (margins == MarginSize::kExact) return exact;
+  // n is even, so an even fast size leaves the same margin on both sides.
+  return (NextFastSize(n + 2 * exact) - n) / 2;
+}
+
+// Share of the run's progress the margins take when there are any.
+constexpr double kMarginShare = 0.1;
+
+}  // namespace
+
+int NextFastSize(int minimum) {
+  for (int n = std::max(2, minimum + (minimum & 1));; n += 2) {
+    int m = n;
+    for (int p : {2, 3, 5, 7})
+      while (m % p == 0) m /= p;
+    if (m == 1) return n;
+  }
+}
+
+WorkingPlanes PrepareWorkingPlanes(const DeconvRequest& request, MarginSize margins,
+                                   const RunProgress& progress) {
   EvenSizeWork work = MakeEvenSizeWork(request);
   // The kernel (with its zero border) must fit the image: its size is also the width of the
   // bands the border extension fits from.
@@ -26,43 +56,78 @@ WorkingPlanes PrepareWorkingPlanes(const DeconvRequest& request) {
   ExtendToEvenSize(work);
   WorkingPlanes out{std::move(work.planes), work.workWidth, work.workHeight};
   if (work.boundaryType != 0) {
-    // Margins of three kernel sizes on every side, fitted from bands one kernel size wide.
-    out.planes = extendPeriodicBorderPlanes(out.planes, work.channels, out.width, out.height,
-                                            3 * work.marginWidth, 3 * work.marginHeight,
-                                            work.marginWidth, work.marginHeight);
-    out.width += 6 * work.marginWidth;
-    out.height += 6 * work.marginHeight;
+    if (progress) progress("margins", 0.0);
+    // Margins of (at least) three kernel sizes on every side, fitted from bands one kernel
+    // size wide.
+    const int padX = MarginFor(out.width, work.marginWidth, margins);
+    const int padY = MarginFor(out.height, work.marginHeight, margins);
+    out.planes = extendPeriodicBorderPlanes(out.planes, work.channels, out.width, out.height, padX,
+                                            padY, work.marginWidth, work.marginHeight);
+    out.width += 2 * padX;
+    out.height += 2 * padY;
+    if (progress) progress("margins", kMarginShare);
   }
   return out;
 }
 
-int RunFrequencySolver(const DeconvRequest& request) {
-  WorkingPlanes work = PrepareWorkingPlanes(request);
-  const int W = work.width, H = work.height;
-  const size_t planeSize = static_cast<size_t>(W) * H;
-  const size_t inputSize = static_cast<size_t>(request.width) * request.height * request.channels;
+namespace {
 
-  SpectralDeconvSolver solver;
-  // Every core: the transforms and the passes over the planes split their work.
-  solver.Setup(nullptr, W, H, 0,
-               static_cast<int>(std::max(1u, std::thread::hardware_concurrency())));
-  solver.SetKernel(
+// The fraction of the run at which the solves start.
+double SolveStart(const DeconvRequest& request) {
+  return request.boundaryType != 0 ? kMarginShare : 0.0;
+}
+
+void Crop(const WorkingPlanes& work, const DeconvRequest& request) {
+  CropCenteredBack(work.planes, work.width, work.height, request.width, request.height,
+                   request.channels,
+                   std::span<double>(request.output, static_cast<size_t>(request.width) *
+                                                         request.height * request.channels));
+}
+
+}  // namespace
+
+int RunFrequencySolver(const DeconvRequest& request, const SolverRunOptions& options) {
+  WorkingPlanes work = PrepareWorkingPlanes(request, options.margins, options.progress);
+  const size_t planeSize = static_cast<size_t>(work.width) * work.height;
+  ChannelSolver solver(
+      work.width, work.height,
       std::span<const double>(request.kernel,
                               static_cast<size_t>(request.kernelWidth) * request.kernelHeight),
-      request.kernelWidth, request.kernelHeight);
-  solver.SetIterationSettings(request.localPriorWeight, 15, 15, 0.000144, 9);
-  solver.SetPriorShape(0.0001, 0.5, 1.0);
-
+      request.kernelWidth, request.kernelHeight, request.localPriorWeight,
+      ThreadCount(options.threads));
+  const double start = SolveStart(request), share = (1.0 - start) / request.channels;
   // Each channel's result replaces its working plane, which the solve no longer needs.
   for (int c = 0; c < request.channels; ++c) {
-    double* plane = work.planes.data() + c * planeSize;
-    solver.SetImage(plane);
-    solver.PrepareWeights(129);
-    solver.SolveWithNoise(request.noise);
-    std::copy(solver.output().begin(), solver.output().end(), plane);
+    if (options.progress) {
+      const double from = start + share * c;
+      solver.SetProgress([&options, from, share](double f) {
+        options.progress("deconvolution", from + share * f);
+      });
+    }
+    const std::span<double> plane(work.planes.data() + c * planeSize, planeSize);
+    solver.Solve(plane, plane, 1, request.noise);
   }
-  CropCenteredBack(work.planes, W, H, request.width, request.height, request.channels,
-                   std::span<double>(request.output, inputSize));
+  Crop(work, request);
+  return 0;
+}
+
+int RunRefinedFrequencySolver(const DeconvRequest& request, std::span<double> kernel,
+                              const SolverRunOptions& options) {
+  assert(request.kernel == kernel.data());
+  WorkingPlanes work = PrepareWorkingPlanes(request, options.margins, options.progress);
+  RefinementSettings settings;
+  settings.noise = request.noise;
+  settings.threads = ThreadCount(options.threads);
+  settings.solveWithRefinedKernel = true;
+  if (options.progress) {
+    const double start = SolveStart(request);
+    settings.progress = [&options, start](double f) {
+      options.progress("kernel refinement", start + (1.0 - start) * f);
+    };
+  }
+  work.planes = RefineKernelAndSolve(work.planes, work.width, work.height, request.channels, kernel,
+                                     request.kernelWidth, request.kernelHeight, settings);
+  Crop(work, request);
   return 0;
 }
 

@@ -2,11 +2,20 @@
 // solver object.
 #pragma once
 
+#include <functional>
+#include <span>
 #include <vector>
 
 #include "marlith/deconv_request.h"
 
 namespace marlith {
+
+// How wide the smooth periodic margins are.
+enum class MarginSize {
+  kExact,  // three kernel sizes on every side: the command line's working size
+  kFast,   // at least that, widened so that the working width and height factor into 2, 3, 5
+           // and 7 only, where the transforms are fastest
+};
 
 // The planes a solve works on: every channel at the working size.
 struct WorkingPlanes {
@@ -15,15 +24,36 @@ struct WorkingPlanes {
   int height = 0;
 };
 
+// Reports the phase running ("margins", "deconvolution", "kernel refinement") and the fraction
+// of the whole run done, in [0, 1]. It may throw to cancel the run; everything is released.
+using RunProgress = std::function<void(const char* phase, double fraction)>;
+
+struct SolverRunOptions {
+  MarginSize margins = MarginSize::kExact;
+  int threads = 0;  // threads for each transform and pass over the planes; 0: every core
+  RunProgress progress;
+};
+
 // The request's planes extended to even sizes (last column and row repeated) and, for a
-// non-zero boundaryType, given smooth periodic margins of three kernel sizes on every side.
-// Throws marlith::Error when the kernel is larger than the image.
-WorkingPlanes PrepareWorkingPlanes(const DeconvRequest& request);
+// non-zero boundaryType, given smooth periodic margins (three kernel sizes on every side, or
+// more with MarginSize::kFast). Throws marlith::Error when the kernel is larger than the image.
+WorkingPlanes PrepareWorkingPlanes(const DeconvRequest& request,
+                                   MarginSize margins = MarginSize::kExact,
+                                   const RunProgress& progress = {});
 
 // Deconvolves request.channels planes of request.width x request.height with the request's
 // (prepared) kernel and writes the result into request.output. The planes are solved at even
 // working sizes, with smooth periodic border margins when boundaryType is non-zero, and cropped
 // back centred. Returns 0; throws marlith::Error when the request cannot be solved.
-int RunFrequencySolver(const DeconvRequest& request);
+int RunFrequencySolver(const DeconvRequest& request, const SolverRunOptions& options = {});
+
+// As RunFrequencySolver, but the kernel is re-fitted from a first solve with four times the
+// noise, cleaned, and the second solve deconvolves with it. kernel is request.kernel's array
+// (kernelWidth x kernelHeight) and receives the refined kernel. Returns 0.
+int RunRefinedFrequencySolver(const DeconvRequest& request, std::span<double> kernel,
+                              const SolverRunOptions& options = {});
+
+// The smallest even size of at least minimum whose only prime factors are 2, 3, 5 and 7.
+int NextFastSize(int minimum);
 
 }  // namespace marlith

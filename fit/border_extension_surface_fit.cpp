@@ -15,9 +15,12 @@ namespace {
 // rectangle, the whole block, since all of it but its data rows is to be made up. Smoothing
 // uses the first default schedule (-1, 50 iterations): the 17 x 17 Gaussian spreads the
 // harmonic fill across the band edges, the 3 x 3 binomial then irons out what is left.
+using DebugWriter = std::function<void(std::span<const double>, int32_t, int32_t)>;
+
 void FitStrip(std::vector<double>& strip, const std::vector<double>& mask, int w, int h,
-              int32_t (*fit)(const SurfaceFitRequest&)) {
+              int32_t (*fit)(const SurfaceFitRequest&), const DebugWriter& debugWriter = {}) {
   SurfaceFitRequest r;
+  r.debugWriter = debugWriter;
   r.input = strip;
   r.output = strip;
   r.mask = mask;
@@ -40,7 +43,8 @@ std::vector<double> DataMask(std::vector<double> weights) {
 
 }  // namespace
 
-int32_t extendPeriodicBorderBySurfaceFit(BorderExtensionRequest& q) {
+int32_t extendPeriodicBorderBySurfaceFit(BorderExtensionRequest& q,
+                                         const DebugWriter& debugWriter) {
   assert(q.bandX > 0 && q.bandX <= q.width && q.bandY > 0 && q.bandY <= q.height);
   const SeamLayout L(q.width, q.height, q.padX, q.padY, q.bandX, q.bandY);
   q.paddedWidth = q.width + 2 * q.padX;
@@ -49,9 +53,9 @@ int32_t extendPeriodicBorderBySurfaceFit(BorderExtensionRequest& q) {
   const double* image = q.image.data();
   std::vector<double> lr(L.lrSize()), tb(L.tbSize()), corner(L.cornerSize());
   FillLeftRight(L, image, lr.data());
-  FitStrip(lr, DataMask(LeftRightWeights(L)), L.SW, L.H, fitSurfaceDebug);
+  FitStrip(lr, DataMask(LeftRightWeights(L)), L.SW, L.H, fitSurfaceDebug, debugWriter);
   FillTopBottom(L, image, tb.data());
-  FitStrip(tb, DataMask(TopBottomWeights(L)), L.W, L.SH, fitSurfaceDebug);
+  FitStrip(tb, DataMask(TopBottomWeights(L)), L.W, L.SH, fitSurfaceDebug, debugWriter);
   FillCorner(L, lr.data(), tb.data(), corner.data());
   FitStrip(corner, DataMask(CornerWeights(L)), L.SW, L.SH, fitSurfaceNeumannSides);
   q.padded.resize(static_cast<size_t>(q.paddedWidth) * q.paddedHeight);

@@ -5,7 +5,7 @@
 #include <cmath>
 #include <numbers>
 
-#include "engine/fftw_plan.h"
+#include "plane/fftw_plan.h"
 
 namespace marlith {
 namespace {

@@ -6,7 +6,7 @@
 #include <mutex>
 #include <vector>
 
-#include "engine/plane_padding.h"
+#include "plane/plane_padding.h"
 
 namespace marlith {
 namespace {

@@ -7,7 +7,6 @@
 #include "fit/harmonic_patch_solver.h"
 #include "fit/kernel_bank.h"
 #include "fit/plane_filter.h"
-#include "image/plane_saving.h"
 
 namespace marlith {
 namespace {
@@ -108,10 +107,7 @@ int32_t FitSurface(const SurfaceFitRequest& r, SideMode mode) {
   for (int y = 0; y < patch.height; ++y)
     std::copy_n(patch.solution.begin() + static_cast<ptrdiff_t>(y) * patch.width, patch.width,
                 work.begin() + static_cast<ptrdiff_t>(y + y0) * W + x0);
-  if (mode == SideMode::kDebug) {
-    // A debugging aid of the fit: where it fails, nothing else depends on the file.
-    SaveGreyPlane(work, W, H, "surfaceFitOut1.png", 0);
-  }
+  if (mode == SideMode::kDebug && r.debugWriter) r.debugWriter(work, W, H);
 
   // Smoothing stages: filter, then put the known data back under the mask.
   const KernelDescriptor* kernel = nullptr;

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <span>
 
 namespace marlith {
@@ -25,6 +26,9 @@ struct SurfaceFitRequest {
   int32_t iterations = -1;  // smoothing iterations of the default schedules; -1 means 50
   int32_t x0 = 0, x1 = 0;   // first and last column of the rectangle; x0 < 0: all columns
   int32_t y0 = 0, y1 = 0;   // first and last row; y0 < 0 (with x0 >= 0): all rows
+  // The debug fit hands its filled plane (width x height) to this writer before smoothing;
+  // WriteSurfaceFitDebugImage of the image layer writes it as "surfaceFitOut1.png".
+  std::function<void(std::span<const double> plane, int32_t width, int32_t height)> debugWriter;
 };
 
 // The stage list a request stands for: the defaults for stageCount -1 (filter 6 for
@@ -54,7 +58,7 @@ int32_t fitSurfaceLinearSides(const SurfaceFitRequest& request);
 // full-height ones on their row sides ("DDNN"). Returns 0.
 int32_t fitSurfaceNeumannSides(const SurfaceFitRequest& request);
 // As fitSurfaceNeumannSides, but a Poisson fill whose right-hand side is the data's 3 x 3
-// Laplacian, and the filled plane is written to "surfaceFitOut1.png" (in the working folder)
+// Laplacian, and the filled plane is given to the request's debugWriter (when it has one)
 // before smoothing. Returns 0.
 int32_t fitSurfaceDebug(const SurfaceFitRequest& request);
 

@@ -17,7 +17,7 @@
 #include <span>
 #include <vector>
 
-#include "engine/fftw_plan.h"
+#include "plane/fftw_plan.h"
 
 namespace marlith {
 

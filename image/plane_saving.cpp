@@ -88,4 +88,8 @@ SaveResult SaveColourPlanes(std::span<const double> planes, int32_t width, int32
   return Finish(image, path);
 }
 
+void WriteSurfaceFitDebugImage(std::span<const double> plane, int32_t width, int32_t height) {
+  SaveGreyPlane(plane, width, height, "surfaceFitOut1.png", 0);
+}
+
 }  // namespace marlith

@@ -28,4 +28,9 @@ SaveResult SaveGreyPlane(std::span<const double> plane, int32_t width, int32_t h
 SaveResult SaveColourPlanes(std::span<const double> planes, int32_t width, int32_t height,
                             int32_t channels, const std::string& path);
 
+// The surface fit's debug picture: the plane saved with SaveGreyPlane (mode 0) as
+// "surfaceFitOut1.png" in the working folder. Where that fails nothing else depends on the file,
+// so the failure is ignored.
+void WriteSurfaceFitDebugImage(std::span<const double> plane, int32_t width, int32_t height);
+
 }  // namespace marlith

@@ -4,8 +4,8 @@
 #include <cassert>
 #include <vector>
 
-#include "engine/deconv_solver.h"
-#include "engine/plane_padding.h"
+#include "plane/channel_solve.h"
+#include "plane/plane_padding.h"
 #include "refine/kernel_reestimation.h"
 
 namespace marlith {
@@ -21,43 +21,50 @@ void CleanKernel(std::span<double> kernel) {
   for (double& v : kernel) v /= sum;
 }
 
-int32_t RunKernelRefinementPass(const DeconvRequest& request, std::span<double> kernel) {
-  assert(request.kernel == kernel.data());
-  const size_t kernelSize = static_cast<size_t>(request.kernelWidth) * request.kernelHeight;
-  EvenSizeWork work = MakeEvenSizeWork(request);
-  ExtendToEvenSize(work);
-  const int W = work.workWidth, H = work.workHeight;
-  const size_t planeSize = static_cast<size_t>(W) * H;
-
-  // The solver lives for this pass only. (The original pass left it allocated, a leak per call
-  // in a long-lived process; releasing it changes nothing a caller can see.)
-  SpectralDeconvSolver solver;
-  solver.Setup(nullptr, W, H, 0);
-  solver.SetKernel(kernel.first(kernelSize), request.kernelWidth, request.kernelHeight);
-  std::vector<double> latentPlanes(planeSize * request.channels);
+std::vector<double> RefineKernelAndSolve(std::span<const double> workPlanes, int width, int height,
+                                         int channels, std::span<double> kernel, int kernelWidth,
+                                         int kernelHeight, const RefinementSettings& settings) {
+  const size_t kernelSize = static_cast<size_t>(kernelWidth) * kernelHeight;
+  kernel = kernel.first(kernelSize);
   // A fixed local-prior weight here, not the request's.
-  solver.SetIterationSettings(1000.0, 15, 15, 0.000144, 9);
-  solver.SetPriorShape(0.0001, 0.5, 1.0);
-
-  auto deconvolveAll = [&](double noise) {
-    for (int c = 0; c < request.channels; ++c) {
-      solver.SetImage(work.planes.data() + c * planeSize);
-      solver.PrepareWeights(129);
-      solver.SolveWithNoise(noise);
-      std::copy(solver.output().begin(), solver.output().end(),
-                latentPlanes.begin() + static_cast<ptrdiff_t>(c * planeSize));
+  ChannelSolver solver(width, height, kernel, kernelWidth, kernelHeight, 1000.0, settings.threads);
+  std::vector<double> latentPlanes(workPlanes.size());
+  // The two solves (every channel) take 0.45 of the pass's progress each, the kernel fit
+  // between them the remaining tenth.
+  auto solveAll = [&](double noise, double start) {
+    const size_t planeSize = static_cast<size_t>(width) * height;
+    for (int c = 0; c < channels; ++c) {
+      if (settings.progress) {
+        const double from = start + 0.45 * c / channels, share = 0.45 / channels;
+        solver.SetProgress(
+            [&settings, from, share](double f) { settings.progress(from + share * f); });
+      }
+      solver.Solve(workPlanes.subspan(c * planeSize, planeSize),
+                   std::span<double>(latentPlanes).subspan(c * planeSize, planeSize), 1, noise);
     }
   };
   // A smoother first latent image (four times the noise) to fit the kernel from.
-  deconvolveAll(request.noise * 4.0);
-  reestimateKernel(work.planes, latentPlanes, W, H, request.channels, kernel.first(kernelSize),
-                   request.kernelWidth, request.kernelHeight, kernel.first(kernelSize),
-                   KernelEstimateSettings{0.1, 0.7});
-  CleanKernel(kernel.first(kernelSize));
-  // The solver keeps the spectra of the kernel it was given: the refined kernel reaches the
-  // caller through the kernel array only.
-  deconvolveAll(request.noise);
-  CropCenteredBack(latentPlanes, W, H, request.width, request.height, request.channels,
+  solveAll(settings.noise * 4.0, 0.0);
+  reestimateKernel(workPlanes, latentPlanes, width, height, channels, kernel, kernelWidth,
+                   kernelHeight, kernel, KernelEstimateSettings{0.1, 0.7});
+  CleanKernel(kernel);
+  if (settings.progress) settings.progress(0.55);
+  if (settings.solveWithRefinedKernel) solver.SetKernel(kernel, kernelWidth, kernelHeight);
+  solveAll(settings.noise, 0.55);
+  return latentPlanes;
+}
+
+int32_t RunKernelRefinementPass(const DeconvRequest& request, std::span<double> kernel) {
+  assert(request.kernel == kernel.data());
+  EvenSizeWork work = MakeEvenSizeWork(request);
+  ExtendToEvenSize(work);
+  RefinementSettings settings;
+  settings.noise = request.noise;
+  const std::vector<double> latentPlanes =
+      RefineKernelAndSolve(work.planes, work.workWidth, work.workHeight, request.channels, kernel,
+                           request.kernelWidth, request.kernelHeight, settings);
+  CropCenteredBack(latentPlanes, work.workWidth, work.workHeight, request.width, request.height,
+                   request.channels,
                    std::span<double>(request.output, static_cast<size_t>(request.width) *
                                                          request.height * request.channels));
   return 0;

@@ -5,6 +5,15 @@
 
 #include <stdint.h>
 
+/* What the shared library exports. */
+#ifndef MARLITH_API
+#if defined(__GNUC__)
+#define MARLITH_API __attribute__((visibility("default")))
+#else
+#define MARLITH_API
+#endif
+#endif
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -16,10 +25,10 @@ extern "C" {
  * margins first. The caller owns all three arrays; outputData receives the result.
  * Returns 0 on success and -1 when a request is refused; the reason is printed as one line on
  * standard output. */
-int32_t marlithDeconvolve(const double* inputData, double* outputData, int32_t width,
-                          int32_t height, int32_t channels, const double* kernelData,
-                          int32_t kernelWidth, int32_t kernelHeight, double noise,
-                          double localPriorWeight, int32_t boundaryType);
+MARLITH_API int32_t marlithDeconvolve(const double* inputData, double* outputData, int32_t width,
+                                      int32_t height, int32_t channels, const double* kernelData,
+                                      int32_t kernelWidth, int32_t kernelHeight, double noise,
+                                      double localPriorWeight, int32_t boundaryType);
 
 #ifdef __cplusplus
 }

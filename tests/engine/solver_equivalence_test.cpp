@@ -6,9 +6,9 @@
 #include <cmath>
 #include <random>
 
-#include "engine/deconv_solver.h"
 #include "engine/engine_driver.h"
-#include "engine/plane_padding.h"
+#include "plane/deconv_solver.h"
+#include "plane/plane_padding.h"
 #include "reference_solver.h"
 #include "support/test_support.h"
 

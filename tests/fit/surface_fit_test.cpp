@@ -10,6 +10,7 @@
 #include <tuple>
 
 #include "image/image_container.h"
+#include "image/plane_saving.h"
 #include "support/test_support.h"
 
 namespace marlith {
@@ -182,6 +183,7 @@ TEST(FitSurfaceDebug, WritesTheFilledPlaneToItsDebugImage) {
   const auto in = Noisy(W, H, 5);
   std::vector<double> out(W * H), mask(W * H, 0.0);
   auto r = Request(in, out, mask, W, H, -1, 0, 1, 5);
+  r.debugWriter = WriteSurfaceFitDebugImage;
   fitSurfaceDebug(r);
   ASSERT_TRUE(std::filesystem::exists("surfaceFitOut1.png"));
   // The image is the filled plane (no smoothing here) at sample x 255, truncated.

@@ -1,10 +1,10 @@
-#include "engine/dft2d.h"
+#include "plane/dft2d.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <vector>
 
-#include "engine/fftw_plan.h"
+#include "plane/fftw_plan.h"
 
 namespace marlith {
 namespace {

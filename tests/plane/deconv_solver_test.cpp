@@ -1,4 +1,4 @@
-#include "engine/deconv_solver.h"
+#include "plane/deconv_solver.h"
 
 #include <gtest/gtest.h>
 
@@ -7,9 +7,9 @@
 #include <numeric>
 #include <random>
 
-#include "engine/dft2d.h"
-#include "engine/plane_padding.h"
 #include "marlith/error.hpp"
+#include "plane/dft2d.h"
+#include "plane/plane_padding.h"
 #include "support/test_support.h"
 
 namespace marlith {

@@ -1,4 +1,4 @@
-#include "engine/deconv_solver.h"
+#include "plane/deconv_solver.h"
 
 #include <algorithm>
 #include <cassert>
@@ -7,8 +7,8 @@
 #include <numbers>
 #include <string>
 
-#include "engine/plane_padding.h"
 #include "marlith/error.hpp"
+#include "plane/plane_padding.h"
 
 namespace marlith {
 
@@ -183,8 +183,8 @@ __attribute__((target_clones("avx512f", "avx2", "default"))) void DivideSpectral
     const double gradientPower = gx[u] * gxRow + gy[u] * gyRow;
     const double denominator = gamma * gradientPower + kp[u];
     const double scale = inverseScale / denominator;
-    psiX[u] = Complex((gamma * sumRe + num[u].real()) * scale,
-                      (gamma * sumIm + num[u].imag()) * scale);
+    psiX[u] =
+        Complex((gamma * sumRe + num[u].real()) * scale, (gamma * sumIm + num[u].imag()) * scale);
   }
 }
 
@@ -276,9 +276,8 @@ std::vector<double> SpectralDeconvSolver::gradientPower() const {
   std::vector<double> power(spectrumSize_);
   for (int v = 0; v < height_; ++v)
     for (int u = 0; u < Wc; ++u)
-      power[static_cast<size_t>(v) * Wc + u] =
-          conjDx_.powerByColumn[u] * conjDx_.powerByRow[v] +
-          conjDy_.powerByColumn[u] * conjDy_.powerByRow[v];
+      power[static_cast<size_t>(v) * Wc + u] = conjDx_.powerByColumn[u] * conjDx_.powerByRow[v] +
+                                               conjDy_.powerByColumn[u] * conjDy_.powerByRow[v];
   return power;
 }
 
@@ -287,10 +286,10 @@ void SpectralDeconvSolver::PrecomputeGradientSpectra() {
     CircularShiftHalf(filter, filter, width_, height_);
     return filter;
   };
-  FactorConjugateSpectrum(shifted(MakeDxFilter(width_, height_)), width_, height_,
-                          conjDx_.byColumn, conjDx_.byRow);
-  FactorConjugateSpectrum(shifted(MakeDyFilter(width_, height_)), width_, height_,
-                          conjDy_.byColumn, conjDy_.byRow);
+  FactorConjugateSpectrum(shifted(MakeDxFilter(width_, height_)), width_, height_, conjDx_.byColumn,
+                          conjDx_.byRow);
+  FactorConjugateSpectrum(shifted(MakeDyFilter(width_, height_)), width_, height_, conjDy_.byColumn,
+                          conjDy_.byRow);
   // |Dx|^2 and |Dy|^2 factor as well; the division forms their sum per sample.
   for (FactoredSpectrum* f : {&conjDx_, &conjDy_}) {
     f->powerByColumn.resize(f->byColumn.size());
@@ -440,6 +439,8 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
   const double inverseScale = 1.0 / static_cast<double>(n);
   const unsigned maxInner = iterationBudget / 2;
   lastSolve = SolveStats{};
+  int betaRounds = 0;
+  for (double b = beta; b <= betaMax && betaFactor > 1.0; b *= betaFactor) ++betaRounds;
 
   while (beta <= betaMax) {
     const double gamma = beta / lambda;
@@ -506,6 +507,10 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
       }
       ratio = std::sqrt(change) / std::sqrt(norm);
       ++round;
+      if (progress) {
+        progress((lastSolve.outerRounds + static_cast<double>(round) / std::max(1u, maxInner)) /
+                 betaRounds);
+      }
     } while (ratio >= threshold && round < maxInner);
     lastSolve.innerSeconds +=
         std::chrono::duration<double>(std::chrono::steady_clock::now() - roundsStart).count();

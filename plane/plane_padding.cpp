@@ -1,4 +1,4 @@
-#include "engine/plane_padding.h"
+#include "plane/plane_padding.h"
 
 #include <algorithm>
 #include <cassert>

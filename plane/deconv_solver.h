@@ -3,11 +3,12 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
 #include <vector>
 
-#include "engine/fourier_transform.h"
+#include "plane/fourier_transform.h"
 
 namespace marlith {
 
@@ -52,6 +53,11 @@ class DeconvSolver {
   double priorThreshold = 0.5;     // l
   double priorOffset = 0.499975;   // b = k l - l (a l), so that the pieces meet at |x| = l
   uint32_t preparationSetting = 0;
+
+  // Called by the solve after every inner round with the fraction of the solve done (beta
+  // rounds done, plus the current one's inner rounds out of their limit, over the beta rounds
+  // the solve will run). It may throw to abandon the solve; the solver stays usable.
+  std::function<void(double)> progress;
 
   // What the last solve did: beta rounds and inner rounds in all.
   struct SolveStats {

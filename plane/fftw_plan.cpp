@@ -1,4 +1,4 @@
-#include "engine/fftw_plan.h"
+#include "plane/fftw_plan.h"
 
 #include <omp.h>
 

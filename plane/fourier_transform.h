@@ -4,7 +4,7 @@
 #include <complex>
 #include <cstdint>
 
-#include "engine/fftw_plan.h"
+#include "plane/fftw_plan.h"
 
 namespace marlith {
 

@@ -1,4 +1,4 @@
-#include "engine/fourier_transform.h"
+#include "plane/fourier_transform.h"
 
 #include <cassert>
 
