@@ -31,18 +31,9 @@ int32_t RunLoaded(const DeconvFileJob& job, int32_t variant, const CxImage& inpu
   const int32_t width = image.width, height = image.height, channels = image.channels;
   std::vector<double> outputPlanes(image.planes.size(), 0.0);
 
-  DeconvRequest request{};
-  request.input = image.planes.data();
-  request.output = outputPlanes.data();
-  request.kernel = kernel.planes.data();
-  request.width = width;
-  request.height = height;
-  request.channels = channels;
-  request.kernelWidth = kernel.width;
-  request.kernelHeight = kernel.height;
-  request.noise = job.noise;
-  request.localPriorWeight = job.localPriorWeight;
-  request.boundaryType = job.boundaryType;
+  const DeconvRequest request = MakeScaledRequest(
+      image.planes.data(), outputPlanes.data(), width, height, channels, kernel.planes.data(),
+      kernel.width, kernel.height, job.noise, job.localPriorWeight, job.boundaryType);
   const int32_t result = RunDeconvEngine(request, variant);
 
   const SaveResult saved =
@@ -104,8 +95,8 @@ int32_t RunFileModeEntry(const std::string& inputImageFile, const std::string& k
   job.inputImageFile = inputImageFile;
   job.kernelFile = kernelFile;
   job.outputImageFile = outputImageFile;
-  job.noise = noise / 2000.0;
-  job.localPriorWeight = localPriorWeight * 20.0;
+  job.noise = noise;
+  job.localPriorWeight = localPriorWeight;
   job.boundaryType = boundaryType;
   return RunFileMode(job, 1);
 }

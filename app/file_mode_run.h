@@ -10,13 +10,13 @@
 
 namespace marlith {
 
-// One file-mode job, numbers already scaled.
+// One file-mode job, with the user's numbers as given.
 struct DeconvFileJob {
   std::string inputImageFile;
   std::string kernelFile;
   std::string outputImageFile;
-  double noise = 0.0;             // user value / 2000
-  double localPriorWeight = 0.0;  // user value x 20
+  double noise = 0.0;
+  double localPriorWeight = 0.0;
   int32_t boundaryType = 0;
 };
 
@@ -27,7 +27,7 @@ ImagePlanes ImageToPlanes(const CxImage& image);
 // image whose red bytes are all zero.
 ImagePlanes KernelFromImage(const CxImage& image);
 
-// Scales the user's numbers (noise / 2000, weight x 20) and runs the job with variant 1.
+// Runs the job with variant 1.
 int32_t RunFileModeEntry(const std::string& inputImageFile, const std::string& kernelFile,
                          const std::string& outputImageFile, int32_t boundaryType, double noise,
                          double localPriorWeight);

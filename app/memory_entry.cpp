@@ -24,18 +24,9 @@ extern "C" int32_t marlithDeconvolve(const double* inputData, double* outputData
     std::printf("kernelData cannot be NULL.\n");
     return -1;
   }
-  DeconvRequest request{};
-  request.input = inputData;
-  request.output = outputData;
-  request.kernel = kernelData;
-  request.width = width;
-  request.height = height;
-  request.channels = channels;
-  request.kernelWidth = kernelWidth;
-  request.kernelHeight = kernelHeight;
-  request.noise = noise / 2000.0;
-  request.localPriorWeight = localPriorWeight * 20.0;
-  request.boundaryType = boundaryType;
+  const DeconvRequest request =
+      marlith::MakeScaledRequest(inputData, outputData, width, height, channels, kernelData,
+                                 kernelWidth, kernelHeight, noise, localPriorWeight, boundaryType);
   // Nothing may escape a C entry point: every failure becomes one line and -1.
   try {
     marlith::RunDeconvEngine(request, marlith::kFrequencySolverVariant);

@@ -78,7 +78,9 @@ void ApplyReferenceCorrection(CroppedKernel& kernel) {
   kernel.height = kReferenceHeight;
 }
 
-void ValidateRequest(const DeconvRequest& request) {
+}  // namespace
+
+void CheckRequest(const DeconvRequest& request) {
   if (!request.input || !request.output || !request.kernel) {
     throw Error("the request lacks its input, output or kernel array");
   }
@@ -117,7 +119,24 @@ void ValidateRequest(const DeconvRequest& request) {
   }
 }
 
-}  // namespace
+DeconvRequest MakeScaledRequest(const double* input, double* output, int32_t width, int32_t height,
+                                int32_t channels, const double* kernel, int32_t kernelWidth,
+                                int32_t kernelHeight, double noiseStrength, double localPriorWeight,
+                                int32_t boundaryType) {
+  DeconvRequest request{};
+  request.input = input;
+  request.output = output;
+  request.kernel = kernel;
+  request.width = width;
+  request.height = height;
+  request.channels = channels;
+  request.kernelWidth = kernelWidth;
+  request.kernelHeight = kernelHeight;
+  request.noise = noiseStrength / 2000.0;
+  request.localPriorWeight = localPriorWeight * 20.0;
+  request.boundaryType = boundaryType;
+  return request;
+}
 
 PreparedKernel PrepareKernel(std::span<const double> kernel, int width, int height) {
   const size_t count = static_cast<size_t>(width) * height;
@@ -146,7 +165,7 @@ PreparedKernel PrepareKernel(std::span<const double> kernel, int width, int heig
 }
 
 int32_t RunDeconvEngine(const DeconvRequest& request, int32_t variant, PreparedKernel* usedKernel) {
-  ValidateRequest(request);
+  CheckRequest(request);
   PreparedKernel kernel = PrepareKernel(
       std::span<const double>(request.kernel,
                               static_cast<size_t>(request.kernelWidth) * request.kernelHeight),

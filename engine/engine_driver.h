@@ -27,6 +27,17 @@ struct PreparedKernel {
 // kernel that holds a value that is not finite or has no positive value.
 PreparedKernel PrepareKernel(std::span<const double> kernel, int width, int height);
 
+// A request for planes the caller owns, with the user's numbers scaled as the engine takes
+// them: noise strength / 2000, local prior weight x 20.
+DeconvRequest MakeScaledRequest(const double* input, double* output, int32_t width, int32_t height,
+                                int32_t channels, const double* kernel, int32_t kernelWidth,
+                                int32_t kernelHeight, double noiseStrength, double localPriorWeight,
+                                int32_t boundaryType);
+
+// Throws marlith::Error naming the fault when the request lacks an array, has a size below 1,
+// sizes too large to hold, or a noise or weight that is not finite.
+void CheckRequest(const DeconvRequest& request);
+
 // Checks the request's sizes and pointers (throws marlith::Error naming the fault), prepares
 // its kernel and runs the chosen variant on a private copy; the solver writes request.output.
 // Any other variant runs no solver and leaves the output planes as they are. When usedKernel is

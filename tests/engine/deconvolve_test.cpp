@@ -1,0 +1,214 @@
+#include "marlith/deconvolve.hpp"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "bench/synthesis.h"
+#include "engine/frequency_solver_run.h"
+#include "support/test_support.h"
+
+namespace marlith {
+namespace {
+
+// A sharp plane with edges in both directions and some texture.
+std::vector<double> Scene(int w, int h) {
+  std::vector<double> v(static_cast<size_t>(w) * h);
+  for (int y = 0; y < h; ++y)
+    for (int x = 0; x < w; ++x)
+      v[y * w + x] =
+          0.2 + 0.5 * ((x / 9 + y / 7) % 2) + 0.1 * std::sin(0.3 * x) * std::cos(0.2 * y);
+  return v;
+}
+
+// The integer shift (dx, dy) within +-r that best aligns a onto b (circularly).
+std::pair<int, int> BestShift(const std::vector<double>& a, const std::vector<double>& b, int w,
+                              int h, int r) {
+  std::pair<int, int> best{0, 0};
+  double bestError = std::numeric_limits<double>::infinity();
+  for (int dy = -r; dy <= r; ++dy)
+    for (int dx = -r; dx <= r; ++dx) {
+      double e = 0.0;
+      for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+          const double d = a[((y + dy + h) % h) * w + (x + dx + w) % w] - b[y * w + x];
+          e += d * d;
+        }
+      if (e < bestError) bestError = e, best = {dx, dy};
+    }
+  return best;
+}
+
+TEST(Deconvolve, CentreOriginLeavesOffCentreBlursWhereTheyWere) {
+  // Kernels whose drawn support sits well off the array centre, odd and even sized: blurred
+  // about the centre sample (w / 2, h / 2) and restored, the image must not move. The support
+  // convention centres the support instead, and does move it (which shows the test can fail).
+  const int W = 96, H = 80;
+  const auto sharp = Scene(W, H);
+  struct Case {
+    int kw, kh;
+    std::vector<std::pair<int, int>> taps;
+  };
+  for (const Case& c : {Case{15, 15, {{1, 2}, {2, 2}, {3, 3}, {4, 3}, {5, 4}}},
+                        Case{14, 10, {{9, 1}, {10, 1}, {11, 2}, {12, 3}}}}) {
+    std::vector<double> kernel(c.kw * c.kh, 0.0);
+    for (auto [x, y] : c.taps) kernel[y * c.kw + x] = 1.0 / c.taps.size();
+    const auto blurred =
+        synthesis::Blur(sharp, W, H, 1, kernel, c.kw, c.kh, synthesis::BlurBorder::kCircular);
+    for (auto origin : {KernelOrigin::kCenter, KernelOrigin::kSupport}) {
+      std::vector<double> out(blurred.size());
+      DeconvolveOptions options;
+      options.noise = 0.01;
+      options.boundary = Boundary::kPeriodic;
+      options.kernelOrigin = origin;
+      Deconvolve(ConstImageView::Planar(blurred.data(), W, H), {kernel, c.kw, c.kh},
+                 ImageView::Planar(out.data(), W, H), options);
+      const auto shift = BestShift(out, sharp, W, H, 6);
+      if (origin == KernelOrigin::kCenter) {
+        EXPECT_EQ(shift, std::make_pair(0, 0)) << c.kw << " x " << c.kh;
+        EXPECT_GT(test::Psnr(out, sharp, W, H), 30.0);
+      } else {
+        EXPECT_NE(shift, std::make_pair(0, 0)) << c.kw << " x " << c.kh;
+      }
+    }
+  }
+}
+
+TEST(Deconvolve, ReadsAndWritesEverySampleTypeAndLayout) {
+  // One colour image through uint8 interleaved, uint16 planar, float32 and a strided double
+  // view (every other column): the results agree to each type's resolution.
+  const int W = 40, H = 30;
+  std::vector<double> planes;
+  for (int c = 0; c < 3; ++c) {
+    auto p = Scene(W, H);
+    for (double& v : p) v = std::round(v * (0.6 + 0.2 * c) * 255.0) / 255.0;
+    planes.insert(planes.end(), p.begin(), p.end());
+  }
+  const std::vector<double> kernel{1, 2, 1, 2, 4, 2, 1, 2, 1};
+  DeconvolveOptions options;
+  options.noise = 0.1;
+  std::vector<double> reference(planes.size());
+  Deconvolve(ConstImageView::Planar(planes.data(), W, H, 3), {kernel, 3, 3},
+             ImageView::Planar(reference.data(), W, H, 3), options);
+
+  auto at = [&](int x, int y, int c) { return planes[(c * H + y) * W + x]; };
+  std::vector<uint8_t> u8(W * H * 3);
+  std::vector<uint16_t> u16(W * H * 3);
+  std::vector<float> f32(W * H * 3);
+  std::vector<double> strided(2 * W * H * 3, -7.0);
+  for (int c = 0; c < 3; ++c)
+    for (int y = 0; y < H; ++y)
+      for (int x = 0; x < W; ++x) {
+        u8[(y * W + x) * 3 + c] = static_cast<uint8_t>(std::lround(at(x, y, c) * 255));
+        u16[(c * H + y) * W + x] = static_cast<uint16_t>(std::lround(at(x, y, c) * 65535));
+        f32[(c * H + y) * W + x] = static_cast<float>(at(x, y, c));
+        strided[(c * H + y) * 2 * W + 2 * x] = at(x, y, c);
+      }
+  ImageView stridedView{strided.data(), SampleType::kFloat64, W, H, 3, 2, 2 * W, 2 * W * H};
+  Deconvolve(ConstImageView::Interleaved(u8.data(), W, H, 3), {kernel, 3, 3},
+             ImageView::Interleaved(u8.data(), W, H, 3), options);  // in place
+  Deconvolve(ConstImageView::Planar(u16.data(), W, H, 3), {kernel, 3, 3},
+             ImageView::Planar(u16.data(), W, H, 3), options);
+  Deconvolve(ConstImageView::Planar(f32.data(), W, H, 3), {kernel, 3, 3},
+             ImageView::Planar(f32.data(), W, H, 3), options);
+  Deconvolve(stridedView, {kernel, 3, 3}, stridedView, options);
+  for (int c = 0; c < 3; ++c)
+    for (int y = 0; y < H; ++y)
+      for (int x = 0; x < W; ++x) {
+        const double r = reference[(c * H + y) * W + x];
+        const double clipped = std::clamp(r, 0.0, 1.0);
+        ASSERT_NEAR(u8[(y * W + x) * 3 + c], clipped * 255, 0.5 + 1e-9);
+        ASSERT_NEAR(u16[(c * H + y) * W + x], clipped * 65535, 0.5 + 1e-6);
+        ASSERT_NEAR(f32[(c * H + y) * W + x], r, 1e-6);  // float input, unclipped output
+        ASSERT_EQ(strided[(c * H + y) * 2 * W + 2 * x], r);
+        ASSERT_EQ(strided[(c * H + y) * 2 * W + 2 * x + 1], -7.0);  // gaps untouched
+      }
+}
+
+TEST(Deconvolve, RefusesBadKernelsViewsAndOptionsSayingWhich) {
+  const std::vector<double> image(20 * 20, 0.5);
+  std::vector<double> out(image.size());
+  const auto in = ConstImageView::Planar(image.data(), 20, 20);
+  const auto outView = ImageView::Planar(out.data(), 20, 20);
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  struct Case {
+    std::vector<double> kernel;
+    int kw, kh;
+    DeconvolveOptions options;
+    ConstImageView input;
+    ImageView output;
+    std::string words;
+  };
+  DeconvolveOptions badNoise, badThreads;
+  badNoise.noise = -1.0;
+  badThreads.threads = -2;
+  const std::vector<Case> cases{
+      {{}, 0, 0, {}, in, outView, "the kernel is empty"},
+      {{1, -1, 1}, 3, 1, {}, in, outView, "negative value"},
+      {{1, nan, 1}, 3, 1, {}, in, outView, "not a finite number at row 0, column 1"},
+      {{0, 0, 0, 0}, 2, 2, {}, in, outView, "sums to 0"},
+      {{1, 1}, 2, 2, {}, in, outView, "do not fill"},
+      {{1}, 1, 1, badNoise, in, outView, "noise strength"},
+      {{1}, 1, 1, badThreads, in, outView, "thread count"},
+      {{1}, 1, 1, {}, ConstImageView::Planar<const double>(nullptr, 20, 20), outView, "no data"},
+      {{1}, 1, 1, {}, ConstImageView::Planar(image.data(), 0, 20), outView, "at least 1 x 1"},
+      {{1}, 1, 1, {}, in, ImageView::Planar(out.data(), 20, 19), "must have the image's size"},
+      {std::vector<double>(25 * 3, 1.0), 25, 3, {}, in, outView, "larger than the image"},
+  };
+  for (const Case& c : cases) {
+    try {
+      Deconvolve(c.input, {c.kernel, c.kw, c.kh}, c.output, c.options);
+      ADD_FAILURE() << "accepted: " << c.words;
+    } catch (const Error& e) {
+      EXPECT_NE(std::string(e.what()).find(c.words), std::string::npos) << e.what();
+    }
+  }
+}
+
+TEST(Deconvolve, ProgressRisesToOneAndAFalseAnswerCancels) {
+  const int W = 64, H = 48;
+  const auto image = Scene(W, H);
+  std::vector<double> out(image.size());
+  const std::vector<double> kernel{1, 1, 1, 1, 1};
+  for (bool refine : {false, true}) {
+    DeconvolveOptions options;
+    options.refineKernel = refine;
+    std::vector<double> fractions;
+    options.progress = [&](std::string_view, double f) {
+      fractions.push_back(f);
+      return true;
+    };
+    Deconvolve(ConstImageView::Planar(image.data(), W, H), {kernel, 5, 1},
+               ImageView::Planar(out.data(), W, H), options);
+    ASSERT_GE(fractions.size(), 2u);
+    EXPECT_TRUE(std::is_sorted(fractions.begin(), fractions.end()));
+    EXPECT_EQ(fractions.back(), 1.0);
+    int calls = 0;
+    options.progress = [&](std::string_view, double) { return ++calls < 2; };
+    EXPECT_THROW(Deconvolve(ConstImageView::Planar(image.data(), W, H), {kernel, 5, 1},
+                            ImageView::Planar(out.data(), W, H), options),
+                 Cancelled);
+    EXPECT_EQ(calls, 2);
+  }
+}
+
+TEST(NextFastSize, IsTheSmallestEvenSizeWithFactorsTwoToSevenOnly) {
+  auto smooth = [](int n) {
+    for (int p : {2, 3, 5, 7})
+      while (n % p == 0) n /= p;
+    return n == 1;
+  };
+  for (int minimum : {1, 2, 11, 563, 1126, 1060, 4242, 2828, 4913}) {
+    const int n = NextFastSize(minimum);
+    EXPECT_GE(n, minimum);
+    EXPECT_TRUE(n % 2 == 0 && smooth(n)) << n;
+    for (int m = minimum; m < n; ++m) EXPECT_FALSE(m % 2 == 0 && smooth(m)) << m;
+  }
+}
+
+}  // namespace
+}  // namespace marlith
