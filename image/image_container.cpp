@@ -57,6 +57,13 @@ bool CxImage::Load(const std::string& path, int32_t typeCode) {
     if (!ok) lastError_ = definite && !firstError.empty() ? firstError : secondError;
   }
   if (!ok) return false;
+  // The JPEG decoder hands CMYK (Adobe's inverted form already undone) through as is, which
+  // would read as false colours: convert to RGB, (1 - C)(1 - K) and so on. Only JPEG: every
+  // other image keeps the pixels it always gave.
+  if (image.colorSpace() == Magick::CMYKColorspace && image.magick() == "JPEG") {
+    image.colorSpace(Magick::RGBColorspace);
+  }
+
   width_ = static_cast<int32_t>(image.columns());
   height_ = static_cast<int32_t>(image.rows());
   hasAlpha_ = image.matte();

@@ -2,6 +2,7 @@
 
 #include <Magick++.h>
 #include <gtest/gtest.h>
+#include <jpeglib.h>
 #include <sys/resource.h>
 #include <tiffio.h>
 #include <zlib.h>
@@ -11,6 +12,7 @@
 #include <filesystem>
 #include <functional>
 
+#include "image/image_container.h"
 #include "marlith/error.hpp"
 #include "support/test_support.h"
 
@@ -194,6 +196,41 @@ TEST(ImageIo, TurnsImagesUprightByTheirOrientation) {
     for (size_t i = 0; i < 6; ++i) EXPECT_NEAR(read.planes[i], c.upright[i], 0.06) << c.name;
     EXPECT_EQ(read.exif, tiff ? "" : Exif(1)) << c.name;
   }
+}
+
+TEST(ImageIo, CmykJpegLoadsAsRgbThroughBothReaders) {
+  TempDir dir;
+  // Written as Photoshop does: Adobe marker, samples inverted (255 is no ink). Pure red (no
+  // cyan, full magenta and yellow) and a 50 % black.
+  const std::string path = dir / "cmyk.jpg";
+  FILE* file = std::fopen(path.c_str(), "wb");
+  jpeg_compress_struct c;
+  jpeg_error_mgr error;
+  c.err = jpeg_std_error(&error);
+  jpeg_create_compress(&c);
+  jpeg_stdio_dest(&c, file);
+  c.image_width = 2, c.image_height = 1, c.input_components = 4, c.in_color_space = JCS_CMYK;
+  jpeg_set_defaults(&c);
+  jpeg_set_quality(&c, 100, TRUE);
+  jpeg_start_compress(&c, TRUE);
+  JSAMPLE row[8] = {255, 0, 0, 255, 255, 255, 255, 128};
+  JSAMPROW rows[1] = {row};
+  jpeg_write_scanlines(&c, rows, 1);
+  jpeg_finish_compress(&c);
+  jpeg_destroy_compress(&c);
+  std::fclose(file);
+
+  const LoadedImage read = ReadImageFile(path);
+  ASSERT_EQ(read.colourChannels, 3);
+  const double expected[] = {1, 0.5, 0, 0.5, 0, 0.5};  // planar R, G, B of both pixels
+  for (int i = 0; i < 6; ++i) EXPECT_NEAR(read.planes[i], expected[i], 0.03) << i;
+  CxImage old;
+  ASSERT_TRUE(old.Load(path, kImageTypeJpeg)) << old.GetLastError();
+  const PixelColor red = old.GetPixelColor(0, 0), grey = old.GetPixelColor(1, 0);
+  EXPECT_GE(red.red, 248);
+  EXPECT_LE(std::max(red.green, red.blue), 8);
+  EXPECT_NEAR(grey.red, 128, 8);
+  EXPECT_NEAR(grey.blue, 128, 8);
 }
 
 TEST(ImageIo, RefusesBadFilesAndImpossibleWritesNamingTheFile) {
