@@ -63,10 +63,10 @@ Kernel Perturbed(const Kernel& k, double degrees, double stretch) {
   double sum = 0.0;
   for (int y = 0; y < size; ++y)
     for (int x = 0; x < size; ++x) {
-      // Inverse map: unrotate, unstretch.
+      // The kernel is stretched along x, then rotated; the inverse map unrotates, then
+      // unstretches.
       const double u = x - oc, v = y - oc;
-      const double ru = (c * u + s * v) / stretch, rv = -s * u + c * v;
-      const double sx = c * ru - s * rv + cx, sy = s * ru + c * rv + cy;
+      const double sx = (c * u + s * v) / stretch + cx, sy = -s * u + c * v + cy;
       const int x0 = static_cast<int>(std::floor(sx)), y0 = static_cast<int>(std::floor(sy));
       const double fx = sx - x0, fy = sy - y0;
       const double value = (1 - fx) * (1 - fy) * at(x0, y0) + fx * (1 - fy) * at(x0 + 1, y0) +
