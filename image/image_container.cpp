@@ -1,69 +1,17 @@
 #include "image/image_container.h"
 
 #include <Magick++.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
-#include <filesystem>
-#include <mutex>
+#include <string_view>
+
+#include "image/file_bytes.h"
+#include "image/magick_decoding.h"
 
 namespace marlith {
 namespace {
 
-// GraphicsMagick is initialised once per process; its own limits are a second guard behind the
-// header check in Load.
-void InitialiseImageLibrary() {
-  static std::once_flag once;
-  std::call_once(once, [] {
-    Magick::InitializeMagick(nullptr);
-    MagickLib::SetMagickResourceLimit(MagickLib::PixelsResource, CxImage::kMaxPixels);
-    MagickLib::SetMagickResourceLimit(MagickLib::WidthResource, 1 << 20);
-    MagickLib::SetMagickResourceLimit(MagickLib::HeightResource, 1 << 20);
-  });
-}
-
-std::string OsError(const std::string& what, const std::string& path) {
-  return what + " " + path + ": " + std::strerror(errno);
-}
-
-// The whole file, or an error text. Directories, unreadable and empty files are refused here.
-bool ReadWholeFile(const std::string& path, std::string& bytes, std::string& error) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    error = OsError("cannot open", path);
-    return false;
-  }
-  struct stat info {};
-  if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-    error = path + " is not a regular file";
-    ::close(fd);
-    return false;
-  }
-  bytes.clear();
-  bytes.reserve(static_cast<size_t>(info.st_size));
-  char buffer[1 << 16];
-  for (;;) {
-    const ssize_t n = ::read(fd, buffer, sizeof buffer);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      error = OsError("cannot read", path);
-      ::close(fd);
-      return false;
-    }
-    if (n == 0) break;
-    bytes.append(buffer, static_cast<size_t>(n));
-  }
-  ::close(fd);
-  if (bytes.empty()) {
-    error = path + " is empty";
-    return false;
-  }
-  return true;
-}
+static_assert(CxImage::kMaxPixels == kMaxImagePixels, "one pixel limit for every reader");
 
 const char* MagickFormat(int32_t typeCode) {
   switch (typeCode) {
@@ -92,40 +40,9 @@ bool CxImage::Load(const std::string& path, int32_t typeCode) {
   const Magick::Blob blob(bytes.data(), bytes.size());
   bytes.clear();
   bytes.shrink_to_fit();
-
-  // Decodes with a definite format (or by content when format is null); false and the error
-  // text when the decoder fails or the header announces too many pixels.
+  // Decodes with a definite format (or by content when format is null).
   auto decode = [&](const char* format, Magick::Image& image, std::string& error) {
-    try {
-      Magick::Image header;
-      if (format) header.magick(format);
-      header.ping(blob);
-      const int64_t columns = header.columns(), rows = header.rows();
-      if (columns < 1 || rows < 1 || columns * rows > kMaxPixels) {
-        error = path + ": an image of " + std::to_string(columns) + " x " + std::to_string(rows) +
-                " pixels is outside the accepted 1 to " + std::to_string(kMaxPixels) + " pixels";
-        return false;
-      }
-      if (format) image.magick(format);
-      image.read(blob);
-    } catch (const Magick::Warning& w) {
-      // A warning from a decoder that delivered an image (an unknown chunk, say) is not a
-      // failure, but a truncated or corrupt stream is: its pixels would be partly invented.
-      const std::string what = w.what();
-      if (image.columns() == 0 || what.find("orrupt") != std::string::npos ||
-          what.find("remature") != std::string::npos || what.find("runcat") != std::string::npos ||
-          what.find("nexpected end") != std::string::npos) {
-        error = path + ": " + what;
-        return false;
-      }
-    } catch (const std::exception& e) {
-      error = path + ": " + e.what();
-      if (error.find("resource limit") != std::string::npos) {
-        error += " (images of at most " + std::to_string(kMaxPixels) + " pixels are accepted)";
-      }
-      return false;
-    }
-    return image.columns() > 0 && image.rows() > 0;
+    return DecodeImageBlob(blob, format, path, image, error);
   };
 
   Magick::Image image;
@@ -140,6 +57,12 @@ bool CxImage::Load(const std::string& path, int32_t typeCode) {
     if (!ok) lastError_ = definite && !firstError.empty() ? firstError : secondError;
   }
   if (!ok) return false;
+  // The JPEG decoder hands CMYK (Adobe's inverted form already undone) through as is, which
+  // would read as false colours: convert to RGB, (1 - C)(1 - K) and so on. Only JPEG: every
+  // other image keeps the pixels it always gave.
+  if (image.colorSpace() == Magick::CMYKColorspace && image.magick() == "JPEG") {
+    image.colorSpace(Magick::RGBColorspace);
+  }
 
   width_ = static_cast<int32_t>(image.columns());
   height_ = static_cast<int32_t>(image.rows());
@@ -226,40 +149,8 @@ bool CxImage::Save(const std::string& path, int32_t typeCode) {
 
   // Write beside the target and rename over it only when complete: a failed or interrupted
   // save never leaves a truncated file where a good one was.
-  const std::filesystem::path target(path);
-  const std::filesystem::path folder =
-      target.has_parent_path() ? target.parent_path() : std::filesystem::path(".");
-  std::string temporary = (folder / ("." + target.filename().string() + ".XXXXXX")).string();
-  const int fd = ::mkstemp(temporary.data());
-  if (fd < 0) {
-    lastError_ = OsError("cannot write", path);
-    return false;
-  }
-  const mode_t mask = ::umask(0);
-  ::umask(mask);
-  ::fchmod(fd, 0666 & ~mask);
-  const char* data = static_cast<const char*>(blob.data());
-  size_t left = blob.length();
-  bool ok = true;
-  while (left > 0) {
-    const ssize_t n = ::write(fd, data, left);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      ok = false;
-      break;
-    }
-    data += n;
-    left -= static_cast<size_t>(n);
-  }
-  if (ok && ::fsync(fd) != 0) ok = false;
-  if (::close(fd) != 0) ok = false;
-  if (ok && ::rename(temporary.c_str(), path.c_str()) != 0) ok = false;
-  if (!ok) {
-    lastError_ = OsError("cannot write", path);
-    ::unlink(temporary.c_str());
-    return false;
-  }
-  return true;
+  return WriteFileAtomically(
+      path, std::string_view(static_cast<const char*>(blob.data()), blob.length()), lastError_);
 }
 
 void CxImage::Destroy() {

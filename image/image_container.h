@@ -35,7 +35,8 @@ class CxImage {
   // Decodes the file at path (UTF-8). A type code from 1 to 10 is tried first; when it is
   // 0 or that decoding fails, the format is detected from the content. Returns true when an
   // image was decoded; otherwise GetLastError() says why (the first attempt's error when a
-  // definite type was asked for). Images above kMaxPixels are refused before decoding.
+  // definite type was asked for). Images above kMaxPixels are refused before decoding. A
+  // CMYK JPEG is converted to RGB.
   bool Load(const std::string& path, int32_t typeCode);
 
   int32_t GetWidth() const { return width_; }

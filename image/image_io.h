@@ -1,0 +1,83 @@
+// Image files in and out as planes of doubles, keeping what the file holds: grey or colour,
+// alpha, 8 or 16 bits or floating point, the ICC profile and EXIF. For the marlith-deblur command
+// line; the frozen six-argument command keeps its own loader (image/image_container.h).
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace marlith {
+
+// How a file stores its samples.
+enum class SampleDepth { k8, k16, kFloat };
+
+// An image as read from a file, or to be written to one.
+struct LoadedImage {
+  int width = 0, height = 0;
+  int colourChannels = 0;  // 1 (grey) or 3 (RGB)
+  bool hasAlpha = false;
+  // Planar, row-major, row 0 at the top: the colour planes, then the alpha plane when hasAlpha
+  // (0 transparent, 1 opaque; colour not premultiplied). Integer samples on the [0, 1] scale
+  // (8-bit / 255, 16-bit / 65535); floating-point samples as stored, unclipped.
+  std::vector<double> planes;
+  SampleDepth depth = SampleDepth::k8;
+  std::string iccProfile;  // the raw profile, empty when none
+  // The raw EXIF block as the bare TIFF structure starting "II" or "MM" (no "Exif\0\0" in
+  // front), empty when none.
+  std::string exif;
+};
+
+// The image file types marlith writes, named by the file's extension.
+enum class ImageFileType { kUnknown, kPng, kJpeg, kTiff, kBmp, kWebp, kPgm, kPpm, kPnm };
+
+// The type named by path's extension, in any letter case: .png, .jpg/.jpeg, .tif/.tiff, .bmp,
+// .webp, .pgm, .ppm, .pnm; kUnknown for anything else (and for no extension).
+ImageFileType ImageFileTypeFromPath(const std::string& path);
+
+// The type's usual name for messages ("PNG", "JPEG", ...; "unknown").
+const char* ImageFileTypeName(ImageFileType type);
+
+// Whether WriteImageFile writes samples of this depth to this type: 8 bits to every type, 16
+// bits to PNG, TIFF and PGM/PPM/PNM, floating point to TIFF only. A depth the type cannot hold
+// is refused, never narrowed silently: JPEG, BMP and WebP take 8 bits only.
+bool ImageFileTypeHolds(ImageFileType type, SampleDepth depth);
+
+// Reads the image file at path (the format is taken from the content, not the name).
+// - Grey files (grey PNG, PGM, grey JPEG or TIFF, palette images whose colours are all grey)
+//   give one colour channel; others three. Alpha (grey+alpha, RGBA, palette transparency) gives
+//   hasAlpha.
+// - depth: kFloat for 32- and 64-bit floating-point TIFF (read by libtiff at full precision,
+//   associated alpha divided out), k16 for files stored above 8 bits, else k8.
+// - CMYK is converted to RGB as (1 - C)(1 - K) and so on; its ICC profile, which describes the
+//   CMYK, is then dropped.
+// - The EXIF orientation (for TIFF the file's orientation tag) is applied, so the pixels come
+//   back upright, and the returned EXIF block says orientation 1.
+// - EXIF is read from JPEG and WebP, from PNG's eXIf chunk and from a TIFF's Photoshop EXIF
+//   resource (how WriteImageFile stores it); a TIFF's own EXIF directory is not read.
+// Throws marlith::Error, one line naming path and the reason, when path is missing, a
+// directory, empty, unreadable, corrupt or truncated, or claims more than 268,435,456 pixels
+// (refused from the header before any pixel memory is taken).
+LoadedImage ReadImageFile(const std::string& path);
+
+// Checks, before a long run, that an image can be written to path: its extension names a type
+// this build writes (WebP needs a GraphicsMagick with WebP), it is not a directory, and its
+// folder exists and is writable. Throws marlith::Error saying which check failed.
+void CheckOutputPath(const std::string& path);
+
+// Writes image to path as the type its extension names, samples at the given depth:
+// - Integer depths round and clip to [0, 1] first (NaN as 0); floats are written unclipped.
+// - Grey stays grey (PGM takes grey only; PPM writes grey as three equal channels; PNM picks
+//   PGM or PPM). Alpha is written to PNG, TIFF, WebP and BMP; JPEG and PGM/PPM/PNM cannot hold
+//   it and it is left out.
+// - The ICC profile is kept by PNG, JPEG, TIFF and WebP; EXIF by PNG (eXIf chunk), JPEG (APP1),
+//   WebP and TIFF (Photoshop's EXIF resource, which exiftool and Photoshop read), both as given.
+// - jpegQuality (1 to 100) sets JPEG's and WebP's quality and is checked whatever the type.
+// The file is written to a temporary file in path's folder and renamed over path only when
+// complete: on failure nothing is left behind and an existing file at path is untouched.
+// Throws marlith::Error naming path when the type is unknown, cannot hold depth (see
+// ImageFileTypeHolds), image is inconsistent (sizes, channel count, planes' length), or
+// encoding or writing fails.
+void WriteImageFile(const std::string& path, const LoadedImage& image, SampleDepth depth,
+                    int jpegQuality);
+
+}  // namespace marlith

@@ -1,0 +1,164 @@
+#include "image/kernel_file.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include "image/image_io.h"
+#include "marlith/error.hpp"
+#include "support/test_support.h"
+
+namespace marlith {
+namespace {
+
+using test::TempDir;
+
+// An .npy file of the given format version: header padded to a multiple of 64 bytes, data.
+std::string Npy(const std::string& descr, bool fortran, const std::string& shape,
+                const std::string& data, int major = 1) {
+  std::string header = "{'descr': '" + descr +
+                       "', 'fortran_order': " + (fortran ? "True" : "False") +
+                       ", 'shape': " + shape + ", }";
+  const size_t prefix = major == 1 ? 10 : 12;
+  header.append(63 - (prefix + header.size()) % 64, ' ') += '\n';
+  std::string out = "\x93NUMPY";
+  out += static_cast<char>(major);
+  out += '\0';
+  for (size_t i = 0; i < prefix - 8; ++i) out += static_cast<char>(header.size() >> (8 * i));
+  return out + header + data;
+}
+
+template <typename T>
+std::string Bytes(std::initializer_list<T> values, bool bigEndian = false) {
+  std::string out;
+  for (T v : values) {
+    std::string one(sizeof v, '\0');
+    std::memcpy(one.data(), &v, sizeof v);
+    if (bigEndian) std::reverse(one.begin(), one.end());
+    out += one;
+  }
+  return out;
+}
+
+LoadedImage Grey(int w, int h, double level) {
+  LoadedImage image;
+  image.width = w;
+  image.height = h;
+  image.colourChannels = 1;
+  image.planes.assign(size_t(w) * h, level);
+  return image;
+}
+
+TEST(KernelFile, ReadsTextCsvAndNpyMatricesRowByRow) {
+  TempDir dir;
+  const std::pair<std::string, std::string> files[] = {
+      {"k.txt", "# a comment\n0 1 2  # trailing\n\n3\t4 5\n"},
+      {"k.CSV",
+       "\xEF\xBB\xBF"
+       "0,1,2\r\n3;4;+5\r\n"},
+      {"f8.npy", Npy("<f8", false, "(2, 3)", Bytes<double>({0, 1, 2, 3, 4, 5}))},
+      {"i4.npy", Npy("<i4", true, "(2, 3)", Bytes<int32_t>({0, 3, 1, 4, 2, 5}))},
+      {"f4.npy", Npy(">f4", false, "(2,3)", Bytes<float>({0, 1, 2, 3, 4, 5}, true), 2)},
+      {"u1.npy", Npy("|u1", false, "(2, 3)", Bytes<uint8_t>({0, 1, 2, 3, 4, 5}))},
+      {"i8.npy", Npy(">i8", true, "(2L, 3L)", Bytes<int64_t>({0, 3, 1, 4, 2, 5}, true), 3)},
+  };
+  for (const auto& [name, bytes] : files) {
+    test::WriteFileBytes(dir / name, bytes);
+    const KernelFile kernel = ReadKernelFile(dir / name);
+    EXPECT_EQ(kernel.width, 3) << name;
+    EXPECT_EQ(kernel.height, 2) << name;
+    EXPECT_EQ(kernel.values, (std::vector<double>{0, 1, 2, 3, 4, 5})) << name;
+    EXPECT_TRUE(kernel.warnings.empty()) << name;
+  }
+}
+
+TEST(KernelFile, ReadsImagesAsLuminanceAndSubtractsAFlatBackground) {
+  TempDir dir;
+  LoadedImage green = Grey(7, 7, 0.0);
+  green.colourChannels = 3;
+  green.planes.resize(3 * 49, 0.0);
+  for (int x = 1; x < 6; ++x) green.planes[49 + 3 * 7 + x] = 1.0;  // green plane, row 3
+  LoadedImage background = Grey(9, 9, 0.2);
+  for (int x = 3; x < 6; ++x) background.planes[4 * 9 + x] = 1.0;
+  LoadedImage gauss = Grey(5, 5, 0.0);  // tails reach the border but are no background
+  for (int i = 0; i < 25; ++i)
+    gauss.planes[i] = std::exp(-((i % 5 - 2) * (i % 5 - 2) + (i / 5 - 2) * (i / 5 - 2)) / 2.0);
+  WriteImageFile(dir / "green.png", green, SampleDepth::k8, 90);
+  WriteImageFile(dir / "background.png", background, SampleDepth::k8, 90);
+  WriteImageFile(dir / "gauss.png", gauss, SampleDepth::k16, 90);
+
+  const KernelFile line = ReadKernelFile(dir / "green.png");
+  const double on = line.values[3 * 7 + 1];
+  EXPECT_GT(on, 0.5);
+  for (int i = 0; i < 49; ++i)
+    EXPECT_EQ(line.values[i], i / 7 == 3 && i % 7 >= 1 && i % 7 < 6 ? on : 0.0) << i;
+  EXPECT_TRUE(line.warnings.empty());
+
+  const KernelFile stroke = ReadKernelFile(dir / "background.png");
+  ASSERT_EQ(stroke.warnings.size(), 1u);
+  EXPECT_NE(stroke.warnings[0].find("background"), std::string::npos) << stroke.warnings[0];
+  for (int i = 0; i < 81; ++i) {
+    EXPECT_NEAR(stroke.values[i], i / 9 == 4 && i % 9 >= 3 && i % 9 < 6 ? 0.8 : 0.0, 1e-9) << i;
+  }
+
+  const KernelFile kept = ReadKernelFile(dir / "gauss.png");
+  EXPECT_TRUE(kept.warnings.empty());
+  for (int i = 0; i < 25; ++i) EXPECT_NEAR(kept.values[i], gauss.planes[i], 1.0 / 65535) << i;
+}
+
+TEST(KernelFile, RefusesUnusableKernelsSayingWhy) {
+  TempDir dir;
+  LoadedImage inverted = Grey(9, 9, 1.0);
+  for (int x = 2; x < 7; ++x) inverted.planes[4 * 9 + x] = 0.0;
+  WriteImageFile(dir / "inverted.png", inverted, SampleDepth::k8, 90);
+  WriteImageFile(dir / "black.png", Grey(3, 3, 0.0), SampleDepth::k8, 90);
+  const std::pair<std::string, std::string> texts[] = {
+      {"ragged.txt", "1 2 3\n4 5\n"},
+      {"nan.csv", "1,nan\n1,1\n"},
+      {"neg.txt", "1 1\n1 -0.5\n"},
+      {"inf.dat", "inf 1\n"},
+      {"word.asc", "1 two\n"},
+      {"empty.txt", "# nothing\n"},
+      {"zero.txt", "0 0\n0 0\n"},
+      {"3d.npy", Npy("<f8", false, "(1, 2, 3)", std::string(48, '\0'))},
+      {"c16.npy", Npy("<c16", false, "(1, 1)", std::string(16, '\0'))},
+      {"cut.npy", Npy("<f8", false, "(2, 3)", std::string(40, '\0'))},
+      {"huge.npy", Npy("|u1", false, "(268435456, 268435456)", "\x01")},
+      {"wide.npy", Npy("|u1", false, "(99999999999, 1)", "\x01")},
+      {"header.npy", std::string("\x93NUMPY\x01\x00\xff\xff{", 11)},
+  };
+  for (const auto& [name, bytes] : texts) test::WriteFileBytes(dir / name, bytes);
+  const std::pair<std::string, std::string> cases[] = {
+      {"inverted.png", "looks inverted"},
+      {"black.png", "sum to 0"},
+      {"ragged.txt", "line 2 has 2 values but line 1 has 3"},
+      {"nan.csv", "x 1, y 0 is NaN"},
+      {"neg.txt", "x 1, y 1 is negative (-0.5)"},
+      {"inf.dat", "x 0, y 0 is infinite"},
+      {"word.asc", "'two' is not a number"},
+      {"empty.txt", "no values"},
+      {"zero.txt", "sum to 0"},
+      {"3d.npy", "3 dimensions"},
+      {"c16.npy", "dtype '<c16'"},
+      {"cut.npy", "cut short"},
+      {"huge.npy", "larger than"},
+      {"wide.npy", "malformed"},
+      {"header.npy", "cut short"},
+      {"missing.txt", "No such file"},
+  };
+  for (const auto& [name, expected] : cases) {
+    try {
+      ReadKernelFile(dir / name);
+      ADD_FAILURE() << name << " was not refused";
+    } catch (const Error& e) {
+      const std::string message = e.what();
+      EXPECT_NE(message.find(name), std::string::npos) << message;
+      EXPECT_NE(message.find(expected), std::string::npos) << message;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace marlith
