@@ -210,6 +210,8 @@ ParsedCommandLine ParseDeblurCommandLine(int argc, const char* const* argv) {
     result.error = DescribeParseError(e);
   } catch (const UsageError& e) {
     result.error = e.message;
+  } catch (const CLI::Error& e) {
+    result.error = e.what();
   }
   return result;
 }

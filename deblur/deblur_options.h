@@ -43,7 +43,7 @@ struct ParsedCommandLine {
 };
 
 // Parses argv[0..argc) (argv[0] the program's name). Reads no file and prints nothing: help,
-// version and usage errors come back as the action. Never throws for any argument strings.
+// version and usage errors come back as the action. Throws nothing but std::bad_alloc.
 ParsedCommandLine ParseDeblurCommandLine(int argc, const char* const* argv);
 
 // The text --help prints, with the defaults of DeconvolveOptions.

@@ -93,6 +93,11 @@ std::vector<PlannedImage> PlanOutputs(const DeblurSettings& s) {
   }
   for (const PlannedImage& p : plan) {
     const ImageFileType type = ImageFileTypeFromPath(p.output);
+    if (type == ImageFileType::kUnknown && !s.format.empty()) {
+      throw UsageProblem("--format: '" + s.format +
+                         "' is not a type marlith-deblur writes (png, jpg, tif, webp, bmp, pgm, "
+                         "ppm, pnm)");
+    }
     if (type == ImageFileType::kUnknown) {
       throw Error(p.output + ": cannot tell which file type to write from the name" +
                   (s.output.empty() || toFolder ? " (give one with --format)" : ""));

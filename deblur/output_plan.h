@@ -30,9 +30,9 @@ struct PlannedImage {
 // The extension is --format's when given, else the input's. Then every output is checked as
 // the header says, and against an explicit --depth its type cannot hold.
 // Throws UsageProblem for contradictions (several inputs into one file, --format with a file
-// output, an output that is an input or the kernel, two inputs with one output, a depth the
-// type cannot hold) and marlith::Error naming the file for an output that cannot be written
-// (a missing or read-only folder, a type this build does not write).
+// output or naming no type written, an output that is an input or the kernel, two inputs with
+// one output, a depth the type cannot hold) and marlith::Error naming the file for an output
+// that cannot be written (a missing or read-only folder, a type this build does not write).
 std::vector<PlannedImage> PlanOutputs(const DeblurSettings& settings);
 
 }  // namespace marlith
