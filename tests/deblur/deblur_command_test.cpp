@@ -129,7 +129,8 @@ void WriteFloatTiff(const std::string& path, const ImagePlanes& im) {
                             {TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISBLACK}})
     TIFFSetField(t, tag, value);
   for (int y = 0; y < im.height; ++y) {
-    std::vector<float> row(&im.planes[y * im.width], &im.planes[(y + 1) * im.width]);
+    const double* from = im.planes.data() + size_t(y) * im.width;
+    std::vector<float> row(from, from + im.width);
     TIFFWriteScanline(t, row.data(), y, 0);
   }
   TIFFClose(t);
