@@ -10,7 +10,8 @@ CC=clang CXX=clang++ MARLITH_BUILD_DIR=build-fuzz scripts/build.sh -DMARLITH_FUZ
 work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT
 status=0
-for target in image_load:image kernel_file:kernel_file kernel_preparation:kernel memory_entry:entry; do
+for target in image_load:image kernel_file:kernel_file kernel_preparation:kernel \
+    memory_entry:entry deblur_options:deblur_options; do
   name="${target%%:*}"
   seeds="${target##*:}"
   mkdir -p "$work/$name"

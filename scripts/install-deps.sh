@@ -7,7 +7,7 @@ packages=(
   build-essential cmake ninja-build pkg-config
   libfftw3-dev libopenblas-dev libsuitesparse-dev libgraphicsmagick++1-dev
   libtiff-dev zlib1g-dev libjpeg-dev
-  libgtest-dev
+  libgtest-dev libcli11-dev
   clang libclang-rt-14-dev libomp-dev
   graphicsmagick time gnuplot-nox
 )

@@ -1,0 +1,55 @@
+// The marlith-deblur command line read into settings: GNU long and short options over CLI11,
+// every number and choice checked here so that a bad one is refused with the option's name
+// before any file is touched.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "marlith/deconvolve.hpp"
+
+namespace marlith {
+
+// The sample depth of the results: the input's, or one for every result.
+enum class DepthChoice { kSame, k8, k16, kFloat };
+
+enum class Verbosity { kQuiet, kNormal, kVerbose };
+
+struct DeblurSettings {
+  std::string kernelPath;
+  std::vector<std::string> inputs;
+  // A file (one input only) or a folder (several inputs, or a name ending in '/' or naming a
+  // folder that exists). Empty: each result beside its input, named "<stem>-deblurred<ext>".
+  std::string output;
+  // The extension (without its dot) of results written to a folder or under a default name;
+  // empty: the input's.
+  std::string format;
+  // The engine's options, defaults from the API's record; progress is left empty here.
+  DeconvolveOptions engine;
+  DepthChoice depth = DepthChoice::kSame;
+  int jpegQuality = 95;
+  int jobs = 1;
+  Verbosity verbosity = Verbosity::kNormal;
+  bool forceProgress = false;  // --progress: even when standard error is not a terminal
+};
+
+// What the command line asks for.
+struct ParsedCommandLine {
+  enum class Action { kRun, kHelp, kVersion, kUsageError };
+  Action action = Action::kUsageError;
+  DeblurSettings settings;  // meaningful for kRun
+  std::string error;        // for kUsageError: one line naming the option or argument at fault
+};
+
+// Parses argv[0..argc) (argv[0] the program's name). Reads no file and prints nothing: help,
+// version and usage errors come back as the action. Throws nothing but std::bad_alloc.
+ParsedCommandLine ParseDeblurCommandLine(int argc, const char* const* argv);
+
+// The text --help prints, with the defaults of DeconvolveOptions.
+std::string DeblurHelpText();
+
+// "marlith-deblur <version>".
+std::string DeblurVersionText();
+
+}  // namespace marlith

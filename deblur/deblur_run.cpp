@@ -1,0 +1,175 @@
+#include "deblur/deblur_run.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <new>
+#include <thread>
+
+#include "deblur/image_restore.h"
+#include "deblur/output_plan.h"
+#include "deblur/progress_display.h"
+#include "image/image_io.h"
+#include "image/kernel_file.h"
+#include "marlith/error.hpp"
+
+namespace marlith {
+
+namespace {
+
+constexpr const char* kProgram = "marlith-deblur: ";
+
+ProgressDisplay::Mode DisplayMode(const DeblurSettings& s) {
+  if (s.verbosity == Verbosity::kQuiet) return ProgressDisplay::Mode::kOff;
+  const bool terminal = isatty(STDERR_FILENO) == 1;
+  if (terminal) return ProgressDisplay::Mode::kTerminal;
+  return s.forceProgress ? ProgressDisplay::Mode::kLines : ProgressDisplay::Mode::kOff;
+}
+
+// When the kernel cannot be used and is an image larger than the first image, the two were
+// likely given the wrong way round: a sentence saying so, else "".
+std::string SwapHint(const DeblurSettings& s) {
+  try {
+    if (ImageFileTypeFromPath(s.kernelPath) == ImageFileType::kUnknown) return "";
+    const LoadedImage kernel = ReadImageFile(s.kernelPath);
+    const LoadedImage image = ReadImageFile(s.inputs.front());
+    if (kernel.width <= image.width && kernel.height <= image.height) return "";
+    return " (the kernel " + s.kernelPath + ", " + std::to_string(kernel.width) + " x " +
+           std::to_string(kernel.height) + ", is larger than the image " + s.inputs.front() + ", " +
+           std::to_string(image.width) + " x " + std::to_string(image.height) +
+           ": the image and the kernel may be swapped; the kernel is the file after -k)";
+  } catch (const std::exception&) {
+    return "";
+  }
+}
+
+std::string Seconds(double s) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.1f s", s);
+  return text;
+}
+
+std::string Number(double v) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.4g", v);
+  return text;
+}
+
+// The --verbose lines about one restored image.
+std::vector<std::string> Describe(const PlannedImage& plan, const RestoredImage& r,
+                                  const DeblurSettings& s) {
+  const std::string name = plan.input + ": ";
+  std::vector<std::string> lines;
+  lines.push_back(name + std::to_string(r.width) + " x " + std::to_string(r.height) + ", " +
+                  (r.colourChannels == 1 ? "grey" : "colour") + (r.hasAlpha ? " and alpha" : "") +
+                  ", " + SampleDepthWords(r.inputDepth) + " samples");
+  if (s.engine.noise) {
+    lines.push_back(name + "noise strength " + Number(r.report.noiseStrength) + " (given)");
+  } else {
+    lines.push_back(name + "noise level " + Number(r.report.noiseLevel) +
+                    " (estimated), noise strength " + Number(r.report.noiseStrength));
+  }
+  std::string times;
+  double total = 0.0;
+  for (const auto& [phase, seconds] : r.phaseSeconds) {
+    times += (times.empty() ? "" : ", ") + phase + " " + Seconds(seconds);
+    total += seconds;
+  }
+  lines.push_back(name + times + " (" + Seconds(total) + " in all)");
+  lines.push_back(name + "written to " + plan.output + " with " + SampleDepthWords(r.outputDepth) +
+                  " samples");
+  return lines;
+}
+
+}  // namespace
+
+void PrintUsageError(const std::string& message) {
+  std::fprintf(stderr, "%s%s\nTry 'marlith-deblur --help' for more information.\n", kProgram,
+               message.c_str());
+}
+
+int RunDeblur(const DeblurSettings& s, const std::atomic<int>& interrupt) {
+  std::vector<PlannedImage> plan;
+  try {
+    plan = PlanOutputs(s);
+  } catch (const UsageProblem& e) {
+    PrintUsageError(e.what());
+    return kExitUsage;
+  } catch (const Error& e) {
+    std::fprintf(stderr, "%s%s\n", kProgram, e.what());
+    return kExitFailure;
+  }
+
+  KernelFile kernel;
+  try {
+    kernel = ReadKernelFile(s.kernelPath);
+  } catch (const Error& e) {
+    std::fprintf(stderr, "%s%s%s\n", kProgram, e.what(), SwapHint(s).c_str());
+    return kExitFailure;
+  }
+  if (s.verbosity != Verbosity::kQuiet)
+    for (const std::string& w : kernel.warnings)
+      std::fprintf(stderr, "%swarning: %s\n", kProgram, w.c_str());
+
+  const int images = static_cast<int>(plan.size());
+  const int jobs = std::min(s.jobs, images);
+  // --threads counts the threads of the whole run; each job gets its share.
+  const int cores = static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
+  const int threads = s.engine.threads == 0 ? (jobs == 1 ? 0 : std::max(1, cores / jobs))
+                                            : std::max(1, s.engine.threads / jobs);
+
+  ProgressDisplay display(DisplayMode(s), images);
+  std::atomic<int> next{0}, failed{0}, restored{0};
+  auto work = [&] {
+    for (int i = next++; i < images && interrupt.load() == 0; i = next++) {
+      const PlannedImage& p = plan[static_cast<size_t>(i)];
+      std::string error;
+      try {
+        const RestoredImage r =
+            RestoreImage(p, kernel, s, threads, [&](std::string_view phase, double fraction) {
+              display.Update(i, p.input, phase, fraction);
+              return interrupt.load() == 0;
+            });
+        ++restored;
+        if (s.verbosity != Verbosity::kQuiet)
+          for (const std::string& w : r.warnings) display.Message(kProgram + ("warning: " + w));
+        if (s.verbosity == Verbosity::kVerbose)
+          for (const std::string& line : Describe(p, r, s)) display.Message(kProgram + line);
+      } catch (const Cancelled&) {
+        // Said once for the whole run below.
+      } catch (const Error& e) {
+        error = e.what();
+      } catch (const std::bad_alloc&) {
+        error = p.input + ": not enough memory to restore it" +
+                (jobs > 1 ? std::string(" (fewer --jobs need less)") : std::string());
+      } catch (const std::exception& e) {
+        error = p.input + ": " + e.what();
+      }
+      if (!error.empty()) {
+        ++failed;
+        display.Message(kProgram + error);
+      }
+      display.Finish(i);
+    }
+  };
+  std::vector<std::thread> workers;
+  for (int j = 1; j < jobs; ++j) workers.emplace_back(work);
+  work();
+  for (std::thread& t : workers) t.join();
+  display.Close();
+
+  if (const int signal = interrupt.load(); signal != 0) {
+    std::fprintf(stderr, "%sinterrupted: %d of %d images restored, no file written partly\n",
+                 kProgram, restored.load(), images);
+    return 128 + signal;
+  }
+  if (failed > 0) {
+    if (images > 1)
+      std::fprintf(stderr, "%s%d of %d images could not be restored\n", kProgram, failed.load(),
+                   images);
+    return kExitFailure;
+  }
+  return kExitSuccess;
+}
+
+}  // namespace marlith

@@ -1,0 +1,147 @@
+#include "deblur/image_restore.h"
+
+#include <chrono>
+
+#include "marlith/error.hpp"
+
+namespace marlith {
+
+namespace {
+
+// Shares of an image's work shown by the progress bar: the engine's run between reading and
+// writing. Reading and writing a large TIFF or PNG take a few percent of a run.
+constexpr double kReadShare = 0.04;
+constexpr double kWriteShare = 0.04;
+
+using Clock = std::chrono::steady_clock;
+
+double SecondsSince(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// Times the phases the progress callback names, each from its first report to the next
+// phase's first report.
+class PhaseClock {
+ public:
+  explicit PhaseClock(std::vector<std::pair<std::string, double>>& out) : out_(out) {}
+  void Enter(std::string_view phase) {
+    if (!out_.empty() && out_.back().first == phase) return;
+    Leave();
+    out_.emplace_back(std::string(phase), 0.0);
+    start_ = Clock::now();
+    open_ = true;
+  }
+  void Leave() {
+    if (open_) out_.back().second = SecondsSince(start_);
+    open_ = false;
+  }
+
+ private:
+  std::vector<std::pair<std::string, double>>& out_;
+  Clock::time_point start_;
+  bool open_ = false;
+};
+
+}  // namespace
+
+const char* SampleDepthWords(SampleDepth depth) {
+  switch (depth) {
+    case SampleDepth::k8:
+      return "8-bit";
+    case SampleDepth::k16:
+      return "16-bit";
+    case SampleDepth::kFloat:
+      return "floating-point";
+  }
+  return "?";
+}
+
+SampleDepth ResultDepth(DepthChoice choice, SampleDepth input, ImageFileType type, bool* narrowed) {
+  if (narrowed) *narrowed = false;
+  switch (choice) {
+    case DepthChoice::k8:
+      return SampleDepth::k8;
+    case DepthChoice::k16:
+      return SampleDepth::k16;
+    case DepthChoice::kFloat:
+      return SampleDepth::kFloat;
+    case DepthChoice::kSame:
+      break;
+  }
+  for (SampleDepth d : {SampleDepth::kFloat, SampleDepth::k16, SampleDepth::k8}) {
+    if (d > input || !ImageFileTypeHolds(type, d)) continue;
+    if (narrowed) *narrowed = d != input;
+    return d;
+  }
+  return SampleDepth::k8;
+}
+
+RestoredImage RestoreImage(const PlannedImage& plan, const KernelFile& kernel,
+                           const DeblurSettings& settings, int threads,
+                           const ImageProgress& progress) {
+  RestoredImage result;
+  PhaseClock phases(result.phaseSeconds);
+  auto report = [&](std::string_view phase, double fraction) {
+    phases.Enter(phase);
+    if (progress && !progress(phase, fraction)) throw Cancelled();
+  };
+
+  report("reading", 0.0);
+  LoadedImage image = ReadImageFile(plan.input);
+  result.width = image.width;
+  result.height = image.height;
+  result.colourChannels = image.colourChannels;
+  result.hasAlpha = image.hasAlpha;
+  result.inputDepth = image.depth;
+
+  const ImageFileType type = ImageFileTypeFromPath(plan.output);
+  bool narrowed = false;
+  result.outputDepth = ResultDepth(settings.depth, image.depth, type, &narrowed);
+  if (narrowed) {
+    result.warnings.push_back(plan.output + ": " + ImageFileTypeName(type) + " cannot hold " +
+                              SampleDepthWords(image.depth) + " samples; written with " +
+                              SampleDepthWords(result.outputDepth) + " samples" +
+                              (ImageFileTypeHolds(ImageFileType::kTiff, image.depth)
+                                   ? " (write .tif to keep them)"
+                                   : ""));
+  }
+  // A type that cannot hold the image at all is found now rather than after the run.
+  if (type == ImageFileType::kPgm && image.colourChannels != 1) {
+    throw Error(plan.output + ": PGM holds grey images only, and " + plan.input +
+                " is in colour (write .ppm, .png or .tif)");
+  }
+
+  // The colour planes come first; the alpha plane after them is left as it was.
+  const ImageView colour =
+      ImageView::Planar(image.planes.data(), image.width, image.height, image.colourChannels);
+  DeconvolveOptions options = settings.engine;
+  options.threads = threads;
+  report("preparation", kReadShare);
+  options.progress = [&](std::string_view phase, double fraction) {
+    if (phase == "done") return true;
+    phases.Enter(phase);
+    return !progress || progress(phase, kReadShare + (1.0 - kReadShare - kWriteShare) * fraction);
+  };
+  try {
+    result.report =
+        Deconvolve(colour, {kernel.values, kernel.width, kernel.height}, colour, options);
+  } catch (const Cancelled&) {
+    throw;
+  } catch (const Error& e) {
+    std::string message = plan.input + ": " + e.what();
+    if (kernel.width > image.width || kernel.height > image.height) {
+      message += " (" + settings.kernelPath + " is " + std::to_string(kernel.width) + " x " +
+                 std::to_string(kernel.height) +
+                 ": the image and the kernel may be swapped; the kernel is the file after -k)";
+    }
+    throw Error(message);
+  }
+
+  report("writing", 1.0 - kWriteShare);
+  WriteImageFile(plan.output, image, result.outputDepth, settings.jpegQuality);
+  phases.Leave();
+  if (progress) progress("done", 1.0);
+  return result;
+}
+
+}  // namespace marlith
