@@ -5,6 +5,6 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 scripts/build.sh
-build/app/marlith examples/earth_blurred.png examples/motion_kernel.png \
-  examples/earth_deblurred.png 1 0.1 1
+build/deblur/marlith-deblur --kernel examples/motion_kernel.png \
+  --output examples/earth_deblurred.png examples/earth_blurred.png
 echo "Restored image: examples/earth_deblurred.png"
