@@ -65,16 +65,15 @@ struct LevelCase {
 };
 
 // A 256 x 256 plane holds 62 500 patches: the estimate's own scatter is well under 1 %, so the
-// tolerances are about what the method may be biased by, larger for textured planes at low noise.
-// The 0.3 % cases with 8-bit rounding fail if the rounding's variance (it alone adds 7 % to the
-// standard deviation there) is not taken off.
+// tolerances (3 % flat, 5 % textured) bound what the method may be biased by. At 0.3 % with 8-bit
+// rounding, leaving the rounding's variance in reads 7 % high.
 TEST(EstimateNoiseLevel, ReadsWhiteNoiseOnFlatAndBlurredTexturedPlanes) {
   const LevelCase cases[] = {
       {"flat", false, false, 0.005, 0.03},          {"flat", false, false, 0.01, 0.03},
       {"flat", false, false, 0.05, 0.03},           {"flat, 8-bit", false, true, 0.003, 0.03},
-      {"flat, 8-bit", false, true, 0.02, 0.03},     {"textured", true, false, 0.005, 0.15},
-      {"textured", true, false, 0.01, 0.08},        {"textured", true, false, 0.03, 0.05},
-      {"textured, 8-bit", true, true, 0.003, 0.20}, {"textured, 8-bit", true, true, 0.01, 0.08},
+      {"flat, 8-bit", false, true, 0.02, 0.03},     {"textured", true, false, 0.005, 0.05},
+      {"textured", true, false, 0.01, 0.05},        {"textured", true, false, 0.03, 0.05},
+      {"textured, 8-bit", true, true, 0.003, 0.05}, {"textured, 8-bit", true, true, 0.01, 0.05},
       {"textured, 8-bit", true, true, 0.05, 0.05},
   };
   uint64_t seed = 1;
