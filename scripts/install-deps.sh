@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Installs the Debian packages marlith builds, tests and benchmarks with. Idempotent: packages
-# already present are left alone and no package index is fetched when nothing is missing.
+# Installs the Debian packages marlith builds, tests and benchmarks with (with --bench, also the
+# photographs of the noise benchmark). Idempotent: packages already present are left alone and no
+# package index is fetched when nothing is missing.
 set -euo pipefail
 
 packages=(
@@ -11,6 +12,13 @@ packages=(
   clang libclang-rt-14-dev libomp-dev
   graphicsmagick time gnuplot-nox
 )
+
+# Only with --bench: the photographs bench/noise_bench reads (scikit-image's sample images and
+# xplanet's Earth). scikit-image brings SciPy and Matplotlib along, over 400 MB that building and
+# testing do not need.
+if [[ "${1:-}" == "--bench" ]]; then
+  packages+=(python3-skimage xplanet-images)
+fi
 
 missing=()
 for p in "${packages[@]}"; do

@@ -1,0 +1,192 @@
+#include "engine/noise_estimate.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <limits>
+#include <vector>
+
+namespace marlith {
+namespace {
+
+constexpr int kPatch = 7;
+constexpr int kDim = kPatch * kPatch;
+// Fewer patches than this and the sample covariance's noise eigenvalues spread too widely
+// (by about 2 sqrt(kDim / count) of their mean) to be read: the plane gets the fallback.
+constexpr size_t kMinPatches = 16 * kDim;
+// More patches than this add time, not accuracy: larger planes are sampled on a coarser grid.
+constexpr size_t kMaxPatches = size_t{1} << 17;
+// Variance of rounding to the nearest of 256 levels: uniform error over 1/255.
+constexpr double kEightBitRoundingVariance = 1.0 / (12.0 * 255.0 * 255.0);
+// median |x| / kMadToSigma is the standard deviation of zero-mean Gaussian samples.
+constexpr double kMadToSigma = 0.6744897501960817;
+
+// The rule strength = kStrengthScale x level^kStrengthPower: `noise_bench ... calibrate` fits
+// 72.41 x level^1.3908 to the best strengths on its calibration images (Levin im1, im2 and five
+// photographs, 0.5 to 5 % noise); the best strengths lie within 6 % of it.
+constexpr double kStrengthScale = 72.4;
+constexpr double kStrengthPower = 1.39;
+constexpr double kLowestLevel = 0.0025;
+constexpr double kHighestLevel = 0.1;
+
+// Eigenvalues of the symmetric n x n matrix a (row-major, both triangles filled) by cyclic
+// Jacobi rotations, which find small eigenvalues to a precision relative to themselves rather
+// than to the largest one: here the small ones are the noise. Unsorted.
+std::vector<double> SymmetricEigenvalues(std::vector<double> a, int n) {
+  auto at = [&](int r, int c) -> double& { return a[static_cast<size_t>(r) * n + c]; };
+  for (int sweep = 0; sweep < 60; ++sweep) {
+    double off = 0.0, diag = 0.0;
+    for (int p = 0; p < n; ++p) {
+      diag += at(p, p) * at(p, p);
+      for (int q = p + 1; q < n; ++q) off += at(p, q) * at(p, q);
+    }
+    if (!(off > 1e-30 * diag)) break;  // also ends on NaN
+    for (int p = 0; p < n; ++p)
+      for (int q = p + 1; q < n; ++q) {
+        const double apq = at(p, q);
+        if (apq == 0.0) continue;
+        // Rotate by the angle phi with cot(2 phi) = theta, which zeroes a(p, q).
+        const double theta = (at(q, q) - at(p, p)) / (2.0 * apq);
+        const double t =
+            std::fabs(theta) > 1e150
+                ? 0.5 / theta
+                : std::copysign(1.0, theta) / (std::fabs(theta) + std::sqrt(theta * theta + 1.0));
+        const double c = 1.0 / std::sqrt(t * t + 1.0), s = t * c;
+        for (int k = 0; k < n; ++k) {
+          const double akp = at(k, p), akq = at(k, q);
+          at(k, p) = c * akp - s * akq;
+          at(k, q) = s * akp + c * akq;
+        }
+        for (int k = 0; k < n; ++k) {
+          const double apk = at(p, k), aqk = at(q, k);
+          at(p, k) = c * apk - s * aqk;
+          at(q, k) = s * apk + c * aqk;
+        }
+      }
+  }
+  std::vector<double> values(n);
+  for (int i = 0; i < n; ++i) values[i] = at(i, i);
+  return values;
+}
+
+// Noise variance of one plane from the eigenvalues of its patch covariance: the mean of the
+// largest set of smallest eigenvalues whose mean is also its median (as many above as below).
+// Assumes at least kMinPatches patch positions.
+double PatchCovarianceVariance(const double* plane, int width, int height) {
+  const int nx = width - kPatch + 1, ny = height - kPatch + 1;
+  int stride = 1;
+  while (static_cast<size_t>((nx + stride - 1) / stride) * ((ny + stride - 1) / stride) >
+         kMaxPatches)
+    ++stride;
+  // Centring on the plane's mean first keeps the covariance's subtraction free of cancellation.
+  double centre = 0.0;
+  for (size_t i = 0; i < static_cast<size_t>(width) * height; ++i) centre += plane[i];
+  centre /= static_cast<double>(width) * height;
+
+  std::vector<double> sum(kDim, 0.0), products(kDim * kDim, 0.0);
+  double patch[kDim];
+  size_t count = 0;
+  for (int y = 0; y < ny; y += stride)
+    for (int x = 0; x < nx; x += stride) {
+      for (int j = 0; j < kPatch; ++j)
+        for (int i = 0; i < kPatch; ++i)
+          patch[j * kPatch + i] = plane[static_cast<size_t>(y + j) * width + x + i] - centre;
+      for (int r = 0; r < kDim; ++r) {
+        const double v = patch[r];
+        sum[r] += v;
+        double* row = products.data() + r * kDim;
+        for (int c = r; c < kDim; ++c) row[c] += v * patch[c];
+      }
+      ++count;
+    }
+  const double n = static_cast<double>(count);
+  std::vector<double> covariance(kDim * kDim);
+  for (int r = 0; r < kDim; ++r)
+    for (int c = r; c < kDim; ++c)
+      covariance[r * kDim + c] = covariance[c * kDim + r] =
+          products[r * kDim + c] / n - (sum[r] / n) * (sum[c] / n);
+
+  std::vector<double> eigen = SymmetricEigenvalues(std::move(covariance), kDim);
+  for (double& e : eigen) e = std::max(e, 0.0);  // rounding can leave tiny negatives
+  std::sort(eigen.begin(), eigen.end());
+  for (int k = kDim; k > 1; --k) {
+    double mean = 0.0;
+    for (int i = 0; i < k; ++i) mean += eigen[i];
+    mean /= k;
+    int above = 0, below = 0;
+    for (int i = 0; i < k; ++i) {
+      above += eigen[i] > mean;
+      below += eigen[i] < mean;
+    }
+    if (above == below) return mean;
+  }
+  return eigen[0];
+}
+
+double MedianOfAbsolute(std::vector<double> values) {
+  for (double& v : values) v = std::fabs(v);
+  const auto middle = values.begin() + values.size() / 2;
+  std::nth_element(values.begin(), middle, values.end());
+  return *middle;
+}
+
+// Fallback for planes too small for the patch covariance: the median absolute value of the
+// 2 x 2 diagonal differences (a - b - c + d) / 2, which have the noise's variance and cancel
+// constants and ramps; of the neighbour differences / sqrt 2 along a plane one sample thick.
+double SmallPlaneVariance(const double* plane, int width, int height) {
+  std::vector<double> differences;
+  if (width >= 2 && height >= 2) {
+    for (int y = 0; y + 1 < height; ++y)
+      for (int x = 0; x + 1 < width; ++x) {
+        const double* p = plane + static_cast<size_t>(y) * width + x;
+        differences.push_back(0.5 * (p[0] - p[1] - p[width] + p[width + 1]));
+      }
+  } else {
+    const int n = std::max(width, height);
+    for (int i = 0; i + 1 < n; ++i)
+      differences.push_back((plane[i + 1] - plane[i]) / std::sqrt(2.0));
+  }
+  if (differences.empty()) return 0.0;
+  const double sigma = MedianOfAbsolute(std::move(differences)) / kMadToSigma;
+  return sigma * sigma;
+}
+
+bool OnEightBitGrid(std::span<const double> samples) {
+  for (double v : samples)
+    if (std::fabs(v * 255.0 - std::nearbyint(v * 255.0)) > 1e-6) return false;
+  return true;
+}
+
+}  // namespace
+
+double EstimateNoiseLevel(std::span<const double> planes, int width, int height, int channels) {
+  if (width < 1 || height < 1 || channels < 1) return 0.0;
+  const size_t planeSize = static_cast<size_t>(width) * height;
+  const std::span<const double> samples = planes.first(planeSize * channels);
+  for (double v : samples)
+    if (!std::isfinite(v)) return std::numeric_limits<double>::quiet_NaN();
+  const size_t patches = width >= kPatch && height >= kPatch
+                             ? static_cast<size_t>(width - kPatch + 1) * (height - kPatch + 1)
+                             : 0;
+  double variance = 0.0;
+  for (int c = 0; c < channels; ++c) {
+    const double* plane = samples.data() + c * planeSize;
+    variance += patches >= kMinPatches ? PatchCovarianceVariance(plane, width, height)
+                                       : SmallPlaneVariance(plane, width, height);
+  }
+  variance /= channels;
+  if (OnEightBitGrid(samples)) variance = std::max(variance - kEightBitRoundingVariance, 0.0);
+  return std::sqrt(variance);
+}
+
+double NoiseStrengthForLevel(double level) {
+  if (std::isnan(level)) return level;
+  return kStrengthScale * std::pow(std::clamp(level, kLowestLevel, kHighestLevel), kStrengthPower);
+}
+
+NoiseEstimate EstimateNoise(std::span<const double> planes, int width, int height, int channels) {
+  const double level = EstimateNoiseLevel(planes, width, height, channels);
+  return {level, NoiseStrengthForLevel(level)};
+}
+
+}  // namespace marlith

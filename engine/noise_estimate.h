@@ -1,0 +1,42 @@
+// The noise level of a (blurred) image and the noise strength a deconvolution of it should use.
+// Planes are row-major doubles on the [0, 1] scale, width values a row, channels one after
+// another, as everywhere in the engine. Nothing here keeps a reference to the caller's planes.
+#pragma once
+
+#include <span>
+
+namespace marlith {
+
+// Standard deviation, on the [0, 1] scale, of white noise added to the image (channels planes of
+// width x height). Each channel is estimated from the covariance of its 7 x 7 patches: noise
+// spreads evenly over every direction of patch space while a blurred image's signal lives in a
+// few, so the noise variance is the mean of the smallest eigenvalues, taken over the largest set
+// whose mean equals its median (Chen, Zhu and Heng, ICCV 2015). The channels' variances are
+// averaged (the result is their root mean square), since one strength serves every channel.
+// When every sample lies on the 8-bit grid (k / 255), the rounding's own variance,
+// 1 / (12 x 255^2), is taken off the estimate: the result is the noise added before rounding.
+// A plane with too few patches (fewer than 784 positions, e.g. under 34 x 34) falls back to the
+// median absolute 2 x 2 diagonal difference; a single sample gives 0. Returns NaN when a sample
+// is not finite (callers refuse such input first). A size below 1 gives 0; otherwise planes must
+// hold at least width x height x channels samples.
+double EstimateNoiseLevel(std::span<const double> planes, int width, int height, int channels);
+
+// The command line's noise strength (unitless: the value a user would pass to
+// `marlith ... noise ...`) for a noise level as EstimateNoiseLevel returns it:
+//   strength = 72.4 x level^1.39,  level held to [0.0025, 0.1]
+// (0.046 at 0.5 %, 0.120 at 1 %, 0.55 at 3 %, 1.13 at 5 %), fitted by bench/noise_bench to the
+// best fixed strengths on its calibration images (see BENCHMARKS.md). Non-decreasing in level; 0,
+// negative levels and levels under 0.25 % give the value at 0.25 %, levels over 10 % the value at
+// 10 % (outside the calibrated 0.5 to 5 % the rule is extrapolated by a factor of two at most). NaN
+// gives NaN.
+double NoiseStrengthForLevel(double level);
+
+struct NoiseEstimate {
+  double level;     // EstimateNoiseLevel
+  double strength;  // NoiseStrengthForLevel(level)
+};
+
+// Both of the above in one call.
+NoiseEstimate EstimateNoise(std::span<const double> planes, int width, int height, int channels);
+
+}  // namespace marlith
