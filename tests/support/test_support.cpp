@@ -14,14 +14,8 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "bench/synthesis.h"
 
 namespace marlith::test {
-
-double Psnr(std::span<const double> a, std::span<const double> b, int width, int height,
-            int channels, int margin) {
-  return synthesis::Psnr(a, b, width, height, channels, margin);
-}
 
 std::vector<double> RandomValues(size_t n, unsigned seed, double lo, double hi) {
   std::mt19937 rng(seed);
