@@ -88,7 +88,7 @@ TEST(PrepareKernel, OtherKernelsAreOnlyTrimmedAndBorderedAndBadOnesRefused) {
   std::vector<double> k(15 * 15, 0.0);
   for (int y = 2; y <= 12; ++y)
     for (int x = 3; x <= 11; ++x) k[y * 15 + x] = 2.0 + x + y;
-  k[0] = 0.01;  // below peak / 255: trimmed away
+  k[0] = 25.0 / 255;  // peak / 255 exactly: trimmed away (only taps above it count)
   const PreparedKernel p = PrepareKernel(k, 15, 15);
   ASSERT_EQ(p.width * 100 + p.height, 1113);
   const auto in = Interior(p);
