@@ -23,6 +23,7 @@ const std::vector<double> kReference = {
     51, 32,  0,   0,   73,  110, 178, 223, 218, 164, 59,  0,   0,   0,   0,   0,   0,   0,   0,
     0,  255, 237, 218, 182, 123, 0,   0,   0,   0,   0,   0,   0,   0,   0,   0,   0,   0,   0};
 
+// Rows 0-4 are right-aligned in the 20 columns, rows 5 and 6 full.
 double Correction(int x, int y) {
   static const std::vector<std::vector<double>> rows = {
       {0.0057},
@@ -30,13 +31,11 @@ double Correction(int x, int y) {
       {0.0057, 0.0379, 0.0301, 0, 0},
       {0.0144, 0.0402, 0.0389, 0.001, 0, 0, 0},
       {0.0134, 0.0402, 0.0489, 0.0379, 0, 0, 0, 0, 0, 0},
-      {0,      0.0124, 0.0077, 0.0077, 0.0111, 0.0178, 0.0268, 0.0435, 0.0546, 0.0533,
-       0.0402, 0.0144, 0,      0,      0,      0,      0,      0,      0,      0},
-      {0.0245, 0.0657, 0.0623, 0.0579, 0.0533, 0.0446, 0.0301, 0.0134, 0, 0,
-       0,      0,      0,      0,      0,      0,      0,      0,      0, 0}};
+      {0, 0.0124, 0.0077, 0.0077, 0.0111, 0.0178, 0.0268, 0.0435, 0.0546, 0.0533, 0.0402, 0.0144},
+      {0.0245, 0.0657, 0.0623, 0.0579, 0.0533, 0.0446, 0.0301, 0.0134}};
   const auto& row = rows[y];
-  const int start = 20 - static_cast<int>(row.size());  // rows 0-4 are right-aligned
-  return x < start ? 0.0 : row[x - start];
+  const int start = y < 5 ? 20 - static_cast<int>(row.size()) : 0;
+  return x < start || x - start >= static_cast<int>(row.size()) ? 0.0 : row[x - start];
 }
 
 // The prepared kernel's interior (its one-sample zero border removed); checks the border.

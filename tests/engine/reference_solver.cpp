@@ -5,6 +5,7 @@
 #include <cmath>
 #include <complex>
 
+#include "bench/synthesis.h"
 #include "plane/deconv_solver.h"
 
 namespace marlith::test {
@@ -27,21 +28,17 @@ Spectrum Forward(const std::vector<double>& plane, int W, int H) {
 }
 
 std::vector<double> Inverse(const Spectrum& s, int W, int H) {
-  const Spectrum t = Transform(s, W, H, FFTW_BACKWARD);
-  std::vector<double> out(t.size());
-  for (size_t i = 0; i < t.size(); ++i) out[i] = t[i].real() / (static_cast<double>(W) * H);
+  std::vector<double> out;
+  for (const auto& v : Transform(s, W, H, FFTW_BACKWARD)) out.push_back(v.real() / (W * H));
   return out;
 }
 
-// A kw x kh filter placed with its tap (kw/2, kh/2) at the origin, wrapping around.
+// A kw x kh filter placed with its tap (kw/2, kh/2) at the origin, wrapping around: the
+// circular blur of a unit impulse at the origin.
 std::vector<double> AtOrigin(const std::vector<double>& k, int kw, int kh, int W, int H) {
-  std::vector<double> p(static_cast<size_t>(W) * H, 0.0);
-  for (int y = 0; y < kh; ++y)
-    for (int x = 0; x < kw; ++x) {
-      const int px = ((x - kw / 2) % W + W) % W, py = ((y - kh / 2) % H + H) % H;
-      p[static_cast<size_t>(py) * W + px] += k[static_cast<size_t>(y) * kw + x];
-    }
-  return p;
+  std::vector<double> impulse(static_cast<size_t>(W) * H, 0.0);
+  impulse[0] = 1.0;
+  return synthesis::Blur(impulse, W, H, 1, k, kw, kh, synthesis::BlurBorder::kCircular);
 }
 
 void Gradients(const std::vector<double>& p, int W, int H, std::vector<double>& gx,
