@@ -52,6 +52,8 @@ TEST(FitThinPlate, FillsGapsInConstantDataAndRefusesSingularSystems) {
   EXPECT_THROW(fitThinPlate({d, x, w, W, H}), Error);
   w.assign(W * H, 0.0);  // the stencil alone annihilates constants
   EXPECT_THROW(fitThinPlate({d, x, w, W, H}), Error);
+  w[5] = 1e-20;  // nearly so: no exact zero pivot, but one of 1e-20 of the largest
+  EXPECT_THROW(fitThinPlate({d, x, w, W, H}), Error);
   // Also on a plane large enough that rounding hides the zero pivots.
   const std::vector<double> zeros(240 * 200, 0.0);
   std::vector<double> big(zeros.size());
