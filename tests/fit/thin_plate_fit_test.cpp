@@ -6,29 +6,11 @@
 #include <limits>
 
 #include "dense_reference.h"
-#include "fit/plane_filter.h"
 #include "marlith/error.hpp"
 #include "support/test_support.h"
 
 namespace marlith {
 namespace {
-
-TEST(BuildFilterMatrix, ActsAsFilterPlaneWithEdgeReplication) {
-  const int W = 7, H = 5;
-  const auto x = test::RandomValues(W * H, 1);
-  for (int orientation : {1, 2}) {
-    const auto k = test::RandomValues(4 * 3, 2);
-    const SparseMatrixCSR m = buildFilterMatrix(k, 4, 3, orientation, W, H);
-    ASSERT_EQ(m.rowStarts.size(), W * H + 1u);
-    ASSERT_EQ(m.rowStarts.back(), m.nonZeros + 1);
-    std::vector<double> filtered(W * H), product(W * H, 0.0);
-    filterPlane({x, filtered, W, H, 1.0, k, 4, 3, kBoundaryReplicate, orientation});
-    for (int r = 0; r < W * H; ++r)
-      for (int e = m.rowStarts[r] - 1; e < m.rowStarts[r + 1] - 1; ++e)
-        product[r] += m.values[e] * x[m.columnIndices[e] - 1];
-    for (int i = 0; i < W * H; ++i) EXPECT_NEAR(product[i], filtered[i], 1e-13);
-  }
-}
 
 TEST(FitThinPlate, MatchesADenseSolveInPlaceAndOnOnePixel) {
   // On one pixel every tap lands on it and cancels: the system is w x = w d.
