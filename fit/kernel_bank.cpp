@@ -35,11 +35,19 @@ Bank& TheBank() {
   return bank;
 }
 
-constexpr std::array<double, 25> kThinPlateStencil = {0, 0,  1,  0,  0,  //
-                                                      0, 2,  -8, 2,  0,  //
-                                                      1, -8, 20, -8, 1,  //
-                                                      0, 2,  -8, 2,  0,  //
-                                                      0, 0,  1,  0,  0};
+// The 5 x 5 table of ThinPlateStencil, row-major with the centre at (2, 2).
+constexpr std::array<double, 25> kThinPlateStencil = [] {
+  using S = ThinPlateStencil;
+  std::array<double, 25> t{};
+  auto at = [&t](int dx, int dy) -> double& { return t[(dy + 2) * 5 + dx + 2]; };
+  at(0, 0) = S::kCentre;
+  for (int d : {-1, 1}) {
+    at(d, 0) = at(0, d) = S::kNeighbour;
+    at(2 * d, 0) = at(0, 2 * d) = S::kFar;
+    for (int e : {-1, 1}) at(d, e) = S::kDiagonal;
+  }
+  return t;
+}();
 
 std::vector<double> OuterProduct(const std::vector<double>& a) {
   std::vector<double> out(a.size() * a.size());

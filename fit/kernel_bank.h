@@ -50,7 +50,17 @@ KernelDescriptor bankKernel(BankKernel which);
 // descriptor). Any other id has no entry: the result is null.
 const KernelDescriptor* smoothingKernel(int32_t id);
 
-// The 5 x 5 biharmonic (thin-plate) stencil: 0 0 1 0 0 / 0 2 -8 2 0 / 1 -8 20 -8 1 / ...
+// The biharmonic (thin-plate) stencil, the 5-point Laplacian applied twice, by its taps' places
+// relative to the centre. The one definition: the bank's 5 x 5 table and the cosine solver's
+// operator and modes are all made from these four values.
+struct ThinPlateStencil {
+  static constexpr double kCentre = 20.0;     // (0, 0)
+  static constexpr double kNeighbour = -8.0;  // (+-1, 0) and (0, +-1)
+  static constexpr double kDiagonal = 2.0;    // (+-1, +-1)
+  static constexpr double kFar = 1.0;         // (+-2, 0) and (0, +-2)
+};
+
+// The stencil as a 5 x 5 table: 0 0 1 0 0 / 0 2 -8 2 0 / 1 -8 20 -8 1 / ...
 std::span<const double> thinPlateStencil();
 
 }  // namespace marlith

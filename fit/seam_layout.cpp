@@ -61,35 +61,44 @@ void AssemblePadded(const SeamLayout& L, const double* image, const double* lr, 
   }
 }
 
+namespace {
+
+// w = value on rows [first, first + count) of a width-wide weight plane.
+void WeighRows(std::vector<double>& w, int width, int first, int count, double value) {
+  std::fill_n(w.begin() + static_cast<ptrdiff_t>(first) * width, static_cast<size_t>(count) * width,
+              value);
+}
+
+// w = value on the band samples at both ends of rows [first, last) of a width-wide plane.
+void WeighRowEnds(std::vector<double>& w, int width, int band, int first, int last, double value) {
+  for (int r = first; r < last; ++r) {
+    double* row = w.data() + static_cast<size_t>(r) * width;
+    std::fill_n(row, band, value);
+    std::fill_n(row + width - band, band, value);
+  }
+}
+
+}  // namespace
+
 std::vector<double> LeftRightWeights(const SeamLayout& L) {
   std::vector<double> w(L.lrSize(), 0.0);
-  for (int y = 0; y < L.H; ++y) {
-    double* row = w.data() + static_cast<size_t>(y) * L.SW;
-    std::fill_n(row, L.bandX, 0.5);
-    std::fill_n(row + L.SW - L.bandX, L.bandX, 0.5);
-  }
+  WeighRowEnds(w, L.SW, L.bandX, 0, L.H, 0.5);
   return w;
 }
 
 std::vector<double> TopBottomWeights(const SeamLayout& L) {
   std::vector<double> w(L.tbSize(), 0.0);
-  std::fill_n(w.begin(), static_cast<size_t>(L.bandY) * L.W, 0.5);
-  std::fill_n(w.begin() + static_cast<ptrdiff_t>(L.SH - L.bandY) * L.W,
-              static_cast<size_t>(L.bandY) * L.W, 0.5);
+  WeighRows(w, L.W, 0, L.bandY, 0.5);
+  WeighRows(w, L.W, L.SH - L.bandY, L.bandY, 0.5);
   return w;
 }
 
 // The top rows weigh 1.0 and the bottom rows 0.5: the asymmetry is deliberate.
 std::vector<double> CornerWeights(const SeamLayout& L) {
   std::vector<double> w(L.cornerSize(), 0.0);
-  std::fill_n(w.begin(), static_cast<size_t>(L.bandY) * L.SW, 1.0);
-  std::fill_n(w.begin() + static_cast<ptrdiff_t>(L.SH - L.bandY) * L.SW,
-              static_cast<size_t>(L.bandY) * L.SW, 0.5);
-  for (int r = L.bandY; r < L.SH - L.bandY; ++r) {
-    double* row = w.data() + static_cast<size_t>(r) * L.SW;
-    std::fill_n(row, L.bandX, 0.5);
-    std::fill_n(row + L.SW - L.bandX, L.bandX, 0.5);
-  }
+  WeighRows(w, L.SW, 0, L.bandY, 1.0);
+  WeighRows(w, L.SW, L.SH - L.bandY, L.bandY, 0.5);
+  WeighRowEnds(w, L.SW, L.bandX, L.bandY, L.SH - L.bandY, 0.5);
   return w;
 }
 

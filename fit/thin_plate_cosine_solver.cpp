@@ -9,54 +9,31 @@
 #include <numbers>
 #include <string>
 
+#include "fit/kernel_bank.h"
 #include "marlith/error.hpp"
+#include "plane/gmres.h"
 
 namespace marlith {
 namespace {
 
-constexpr int kKrylovDimension = 12;  // GMRES restart length
-constexpr int kMaxIterations = 240;
+// The band solves below take the stencil's outer taps to be 1 and store nothing for them.
+static_assert(ThinPlateStencil::kFar == 1.0);
+
 // Modes per chunk of the band solves' threads; the chunk's rows are contiguous.
 constexpr int kModeChunk = 256;
-// The iteration runs until the relative residual stops falling (a restart cycle that gains
-// less than kStagnation), which on these systems is near 1.5e-14, the residual the sparse LU
-// leaves too; stopping earlier is not enough: the strips' condition numbers near 1e10 turn a
-// residual of 1e-13 into differences of 1e-9 from the direct solution. A residual below
-// kTolerance (small systems can reach it) ends the iteration at once; a solution is accepted
-// when its residual is below kAcceptable.
-constexpr double kTolerance = 1e-16;
-constexpr double kStagnation = 0.3;
-constexpr double kAcceptable = 1e-12;
-
-// Dot products in fixed blocks summed in block order, so that the result does not depend on
-// the number of threads.
-constexpr ptrdiff_t kReductionBlock = 1 << 14;
+// The iteration runs until the relative residual stops falling (a restart cycle of 12 steps
+// that gains less than the stagnation factor), which on these systems is near 1.5e-14, the
+// residual the sparse LU leaves too; stopping earlier is not enough: the strips' condition
+// numbers near 1e10 turn a residual of 1e-13 into differences of 1e-9 from the direct
+// solution. A residual below the tolerance (small systems can reach it) ends the iteration at
+// once; a solution is accepted when its residual is below 1e-12.
+constexpr GmresSettings kGmres = {.restart = 12,
+                                  .maxIterations = 240,
+                                  .tolerance = 1e-16,
+                                  .stagnation = 0.3,
+                                  .acceptable = 1e-12};
 // Planes smaller than this are worked by one thread: waking the team would cost more.
 constexpr ptrdiff_t kParallelFrom = 1 << 15;
-
-// partial holds one sum per block; the caller keeps it, so the iteration allocates nothing.
-double Dot(const double* a, const double* b, ptrdiff_t n, std::vector<double>& partial) {
-  const ptrdiff_t blocks = (n + kReductionBlock - 1) / kReductionBlock;
-  partial.resize(static_cast<size_t>(blocks));
-  const bool parallel = n >= kParallelFrom;
-#pragma omp parallel for schedule(static) if (parallel)
-  for (ptrdiff_t k = 0; k < blocks; ++k) {
-    const ptrdiff_t end = std::min(n, (k + 1) * kReductionBlock);
-    double s = 0.0;
-    for (ptrdiff_t i = k * kReductionBlock; i < end; ++i) s += a[i] * b[i];
-    partial[static_cast<size_t>(k)] = s;
-  }
-  double sum = 0.0;
-  for (double s : partial) sum += s;
-  return sum;
-}
-
-// y += alpha x
-void Axpy(double alpha, const double* x, double* y, ptrdiff_t n) {
-  const bool parallel = n >= kParallelFrom;
-#pragma omp parallel for schedule(static) if (parallel)
-  for (ptrdiff_t i = 0; i < n; ++i) y[i] += alpha * x[i];
-}
 
 // Whether every row (alongRows) or else every column of the plane holds one weight.
 bool ConstantAlong(std::span<const double> w, int32_t width, int32_t height, bool alongRows) {
@@ -108,7 +85,9 @@ std::unique_ptr<ThinPlateCosineSolver> ThinPlateCosineSolver::TryCreate(
   for (int k = 0; k < nt; ++k) {
     const double theta = std::numbers::pi * k / nt;
     const double c1 = 2.0 * std::cos(theta), c2 = 2.0 * std::cos(2.0 * theta);
-    const double a[3] = {20.0 - 8.0 * c1 + c2, -8.0 + 2.0 * c1, 1.0};
+    using S = ThinPlateStencil;
+    const double a[3] = {S::kCentre + S::kNeighbour * c1 + S::kFar * c2,
+                         S::kNeighbour + S::kDiagonal * c1, S::kFar};
     double* l1 = s->lower1_.data();
     double* invd = s->inverseDiagonal_.data();
     double* u1 = s->upper1_.data();
@@ -118,8 +97,8 @@ std::unique_ptr<ThinPlateCosineSolver> ThinPlateCosineSolver::TryCreate(
       for (int d = -2; d <= 2; ++d) m[std::clamp(i + d, 0, nb - 1) - i + 2] += a[std::abs(d)];
       const size_t at = static_cast<size_t>(i) * nt + k;
       const size_t before1 = at - nt, before2 = at - 2 * static_cast<size_t>(nt);
-      // The outer diagonals need no storage: m[0] and m[4] are 1 wherever they exist, so L's
-      // second subdiagonal is invd two rows up and U's second superdiagonal is m[4].
+      // The outer diagonals need no storage: m[0] and m[4] are kFar = 1 wherever they exist, so
+      // L's second subdiagonal is invd two rows up and U's second superdiagonal is m[4].
       const double lower2 = i >= 2 ? invd[before2] : 0.0;
       const double lower1 =
           i >= 1 ? (m[1] - (i >= 2 ? lower2 * u1[before2] : 0.0)) * invd[before1] : 0.0;
@@ -173,9 +152,11 @@ void ThinPlateCosineSolver::ApplySystem(const double* x, double* y) const {
     double* out = y + static_cast<ptrdiff_t>(r) * W;
     auto at = [&](int dr, int c) { return row[dr + 2][std::clamp(c, 0, W - 1)]; };
     auto tap = [&](int c, auto get) {
-      return 20.0 * get(0, c) - 8.0 * (get(0, c - 1) + get(0, c + 1) + get(-1, c) + get(1, c)) +
-             2.0 * (get(-1, c - 1) + get(-1, c + 1) + get(1, c - 1) + get(1, c + 1)) +
-             (get(0, c - 2) + get(0, c + 2) + get(-2, c) + get(2, c));
+      using S = ThinPlateStencil;
+      return S::kCentre * get(0, c) +
+             S::kNeighbour * (get(0, c - 1) + get(0, c + 1) + get(-1, c) + get(1, c)) +
+             S::kDiagonal * (get(-1, c - 1) + get(-1, c + 1) + get(1, c - 1) + get(1, c + 1)) +
+             S::kFar * (get(0, c - 2) + get(0, c + 2) + get(-2, c) + get(2, c));
     };
     auto direct = [&](int dr, int c) { return row[dr + 2][c]; };
     const int inner0 = std::min(2, W), inner1 = std::max(inner0, W - 2);
@@ -244,81 +225,13 @@ void ThinPlateCosineSolver::ApplyPreconditioner(const double* r, double* z) cons
 }
 
 bool ThinPlateCosineSolver::Solve(std::span<const double> rhs, std::span<double> x) const {
-  const ptrdiff_t n = static_cast<ptrdiff_t>(width_) * height_;
-  assert(static_cast<ptrdiff_t>(rhs.size()) >= n && static_cast<ptrdiff_t>(x.size()) >= n);
-  lastIterations_ = 0;
-  const bool parallel = n >= kParallelFrom;
-  std::vector<double> partial;
-  const double rhsNorm = std::sqrt(Dot(rhs.data(), rhs.data(), n, partial));
-  if (rhsNorm == 0.0) {
-    std::fill_n(x.begin(), n, 0.0);
-    return true;
-  }
-  // Restarted GMRES, preconditioned on the right, from the preconditioner's own solution.
-  constexpr int m = kKrylovDimension;
-  std::vector<double> basis(static_cast<size_t>(m + 1) * n), w(n), z(n);
-  auto v = [&](int i) { return basis.data() + static_cast<ptrdiff_t>(i) * n; };
-  ApplyPreconditioner(rhs.data(), x.data());
-  double h[m + 1][m] = {}, cs[m] = {}, sn[m] = {}, g[m + 1] = {};
-  double previousBeta = HUGE_VAL;
-  while (true) {
-    ApplySystem(x.data(), w.data());
-    double* r = v(0);
-#pragma omp parallel for schedule(static) if (parallel)
-    for (ptrdiff_t i = 0; i < n; ++i) r[i] = rhs[i] - w[i];
-    const double beta = std::sqrt(Dot(r, r, n, partial));
-    if (!std::isfinite(beta)) return false;
-    if (beta <= kTolerance * rhsNorm) return true;
-    if (beta > kStagnation * previousBeta || lastIterations_ >= kMaxIterations) {
-      return beta <= kAcceptable * rhsNorm;
-    }
-    previousBeta = beta;
-    for (ptrdiff_t i = 0; i < n; ++i) r[i] /= beta;
-    std::fill(std::begin(g), std::end(g), 0.0);
-    g[0] = beta;
-    int steps = 0;
-    for (int j = 0; j < m && lastIterations_ < kMaxIterations; ++j) {
-      ApplyPreconditioner(v(j), z.data());
-      ApplySystem(z.data(), w.data());
-      for (int i = 0; i <= j; ++i) {  // modified Gram-Schmidt
-        h[i][j] = Dot(w.data(), v(i), n, partial);
-        Axpy(-h[i][j], v(i), w.data(), n);
-      }
-      h[j + 1][j] = std::sqrt(Dot(w.data(), w.data(), n, partial));
-      if (h[j + 1][j] > 0.0) {
-        const double inv = 1.0 / h[j + 1][j];
-        double* next = v(j + 1);
-#pragma omp parallel for schedule(static) if (parallel)
-        for (ptrdiff_t i = 0; i < n; ++i) next[i] = w[i] * inv;
-      }
-      for (int i = 0; i < j; ++i) {  // earlier rotations on the new column
-        const double t = cs[i] * h[i][j] + sn[i] * h[i + 1][j];
-        h[i + 1][j] = -sn[i] * h[i][j] + cs[i] * h[i + 1][j];
-        h[i][j] = t;
-      }
-      const double rho = std::hypot(h[j][j], h[j + 1][j]);
-      cs[j] = h[j][j] / rho;
-      sn[j] = h[j + 1][j] / rho;
-      h[j][j] = rho;
-      h[j + 1][j] = 0.0;
-      g[j + 1] = -sn[j] * g[j];
-      g[j] = cs[j] * g[j];
-      ++lastIterations_;
-      steps = j + 1;
-      if (std::fabs(g[j + 1]) <= 0.5 * kTolerance * rhsNorm) break;
-    }
-    // x += M^-1 (V y), with H y = g upper triangular.
-    double y[m] = {};
-    for (int i = steps - 1; i >= 0; --i) {
-      double s = g[i];
-      for (int k = i + 1; k < steps; ++k) s -= h[i][k] * y[k];
-      y[i] = s / h[i][i];
-    }
-    std::fill(w.begin(), w.end(), 0.0);
-    for (int i = 0; i < steps; ++i) Axpy(y[i], v(i), w.data(), n);
-    ApplyPreconditioner(w.data(), z.data());
-    Axpy(1.0, z.data(), x.data(), n);
-  }
+  const size_t n = static_cast<size_t>(width_) * height_;
+  assert(rhs.size() >= n && x.size() >= n);
+  const GmresResult result = solveGmres(
+      rhs.first(n), x, [this](const double* in, double* out) { ApplySystem(in, out); },
+      [this](const double* in, double* out) { ApplyPreconditioner(in, out); }, kGmres);
+  lastIterations_ = result.iterations;
+  return result.converged;
 }
 
 }  // namespace marlith

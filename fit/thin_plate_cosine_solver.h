@@ -6,10 +6,10 @@
 // stencil's outer taps read x[-2] -> x[0] under clamping, where the transform's mirror reads
 // x[1]. With that mirror instead, the system splits into one banded system per cosine mode
 // across the other axis (bandwidth 2), which is exact and takes O(n log n). That solve is the
-// preconditioner of restarted GMRES on the true clamped system; the two differing rows are a
-// low- rank change, and the iteration reaches rounding level in a few tens of steps. Memory is
-// a few dozen planes, where a sparse LU of a strip many samples wide fills in to hundreds of
-// values per unknown.
+// preconditioner of restarted GMRES (plane/gmres) on the true clamped system; the two differing
+// rows are a low- rank change, and the iteration reaches rounding level in a few tens of steps.
+// Memory is a few dozen planes, where a sparse LU of a strip many samples wide fills in to hundreds
+// of values per unknown.
 #pragma once
 
 #include <cstdint>

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <limits>
 #include <memory>
 #include <string>
 #include <utility>
@@ -12,6 +13,7 @@
 #include "fit/plane_filter.h"
 #include "fit/thin_plate_cosine_solver.h"
 #include "marlith/error.hpp"
+#include "plane/plane_convolution.h"
 
 namespace marlith {
 namespace {
@@ -49,55 +51,48 @@ constexpr double kSingularPivotRatio = 1e-13;
 SparseMatrixCSR buildFilterMatrix(std::span<const double> kernel, int32_t kernelWidth,
                                   int32_t kernelHeight, int32_t orientation, int32_t width,
                                   int32_t height) {
-  std::vector<double> taps(kernel.begin(),
-                           kernel.begin() + static_cast<size_t>(kernelWidth) * kernelHeight);
-  if (orientation == kConvolution) std::reverse(taps.begin(), taps.end());
-  struct Tap {
-    int dx, dy;
-    double value;
-  };
-  std::vector<Tap> nonZero;
-  const int cx = (kernelWidth - 1) / 2, cy = (kernelHeight - 1) / 2;
-  for (int j = 0; j < kernelHeight; ++j)
-    for (int i = 0; i < kernelWidth; ++i)
-      if (taps[static_cast<size_t>(j) * kernelWidth + i] != 0.0)
-        nonZero.push_back({i - cx, j - cy, taps[static_cast<size_t>(j) * kernelWidth + i]});
-
+  // Exact zeros dropped: they would only add entries of zero.
+  const std::vector<PlaneTap> taps =
+      planeKernelTaps(kernel, kernelWidth, kernelHeight, orientation == kConvolution,
+                      std::numeric_limits<double>::denorm_min());
   SparseMatrixCSR m;
   m.rows = m.columns = width * height;
-  const size_t reserved = nonZero.size() * static_cast<size_t>(m.rows);
+  const size_t reserved = taps.size() * static_cast<size_t>(m.rows);
   m.values.reserve(reserved);
   m.columnIndices.reserve(reserved);
   m.rowStarts.reserve(static_cast<size_t>(m.rows) + 1);
   m.rowStarts.push_back(1);
+  // One row is gathered at a time (taps clamped onto the same pixel merged, in the order met)
+  // and closed when the walk moves to the next output sample.
   std::vector<int32_t> rowColumns;
   std::vector<double> rowValues;
-  rowColumns.reserve(nonZero.size());
-  rowValues.reserve(nonZero.size());
-  for (int y = 0; y < height; ++y) {
-    for (int x = 0; x < width; ++x) {
-      rowColumns.clear();
-      rowValues.clear();
-      for (const Tap& t : nonZero) {
-        const int sx = std::clamp(x + t.dx, 0, width - 1);
-        const int sy = std::clamp(y + t.dy, 0, height - 1);
-        const int32_t column = sy * width + sx;
-        const auto found = std::find(rowColumns.begin(), rowColumns.end(), column);
-        if (found != rowColumns.end()) {
-          rowValues[found - rowColumns.begin()] += t.value;
-        } else {
-          rowColumns.push_back(column);
-          rowValues.push_back(t.value);
-        }
-      }
+  rowColumns.reserve(taps.size());
+  rowValues.reserve(taps.size());
+  auto closeRowsBefore = [&](size_t row) {
+    while (m.rowStarts.size() <= row) {
       for (size_t e = 0; e < rowColumns.size(); ++e) {
         if (rowValues[e] == 0.0) continue;
         m.values.push_back(rowValues[e]);
         m.columnIndices.push_back(rowColumns[e] + 1);
       }
       m.rowStarts.push_back(static_cast<int32_t>(m.values.size()) + 1);
+      rowColumns.clear();
+      rowValues.clear();
     }
-  }
+  };
+  forEachPlaneTap(taps, width, height, PlaneEdge::kReplicate,
+                  [&](size_t row, size_t input, double value) {
+                    closeRowsBefore(row);
+                    const auto column = static_cast<int32_t>(input);
+                    const auto found = std::find(rowColumns.begin(), rowColumns.end(), column);
+                    if (found != rowColumns.end()) {
+                      rowValues[found - rowColumns.begin()] += value;
+                    } else {
+                      rowColumns.push_back(column);
+                      rowValues.push_back(value);
+                    }
+                  });
+  closeRowsBefore(static_cast<size_t>(m.rows));
   m.values.shrink_to_fit();
   m.columnIndices.shrink_to_fit();
   m.nonZeros = static_cast<int32_t>(m.values.size());

@@ -6,27 +6,18 @@
 #include <cassert>
 #include <cmath>
 
+#include "plane/plane_convolution.h"
+
 namespace marlith {
 
 std::vector<double> convolutionMatrix(std::span<const double> filter, int32_t fw, int32_t fh,
                                       int32_t gw, int32_t gh) {
-  const int32_t K = gw * gh;
-  std::vector<double> m(static_cast<size_t>(K) * K, 0.0);
+  const size_t K = static_cast<size_t>(gw) * gh;
+  std::vector<double> m(K * K, 0.0);
   // Rotated by 180 degrees, so that the product is a convolution.
-  std::vector<double> rotated(filter.rbegin() + (filter.size() - static_cast<size_t>(fw) * fh),
-                              filter.rend());
-  for (int32_t y = 0; y < gh; ++y)
-    for (int32_t x = 0; x < gw; ++x) {
-      const size_t row = static_cast<size_t>(y) * gw + x;
-      for (int32_t v = 0; v < fh; ++v)
-        for (int32_t u = 0; u < fw; ++u) {
-          const double w = rotated[static_cast<size_t>(v) * fw + u];
-          if (std::fabs(w) < 1e-10) continue;
-          const int32_t cx = std::clamp(x + u - (fw - 1) / 2, 0, gw - 1);
-          const int32_t cy = std::clamp(y + v - (fh - 1) / 2, 0, gh - 1);
-          m[row * K + static_cast<size_t>(cy) * gw + cx] += w;
-        }
-    }
+  const std::vector<PlaneTap> taps = planeKernelTaps(filter, fw, fh, true, 1e-10);
+  forEachPlaneTap(taps, gw, gh, PlaneEdge::kReplicate,
+                  [&](size_t row, size_t column, double w) { m[row * K + column] += w; });
   return m;
 }
 

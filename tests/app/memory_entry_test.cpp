@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <limits>
 #include <vector>
 
 #include "bench/synthesis.h"
@@ -12,17 +11,12 @@ extern "C" int32_t CallMarlithFromC(const double* in, double* out, int32_t w, in
 
 namespace {
 
-TEST(MarlithDeconvolve, ReportsOnlyTheFirstNullArrayInOrder) {
-  double buffer[4] = {0.5, 0.5, 0.5, 0.5};
+// Calls the entry with standard output captured; returns the result code and what it printed.
+std::pair<int32_t, std::string> Call(const double* in, double* out, int w, int h, int c,
+                                     const double* k, int kw, int kh) {
   testing::internal::CaptureStdout();
-  EXPECT_EQ(marlithDeconvolve(nullptr, nullptr, 2, 2, 1, nullptr, 1, 1, 1, 1, 0), -1);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "inputData cannot be NULL.\n");
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(marlithDeconvolve(buffer, nullptr, 2, 2, 1, nullptr, 1, 1, 1, 1, 0), -1);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "outputData cannot be NULL.\n");
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(marlithDeconvolve(buffer, buffer, 2, 2, 1, nullptr, 1, 1, 1, 1, 0), -1);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "kernelData cannot be NULL.\n");
+  const int32_t code = marlithDeconvolve(in, out, w, h, c, k, kw, kh, 1, 1, 0);
+  return {code, testing::internal::GetCapturedStdout()};
 }
 
 TEST(MarlithDeconvolve, RestoresPlanesFromCAndLeavesTheCallersKernelAlone) {
@@ -30,23 +24,28 @@ TEST(MarlithDeconvolve, RestoresPlanesFromCAndLeavesTheCallersKernelAlone) {
   std::vector<double> sharp(W * H, 0.25);
   for (int y = 10; y < 30; ++y)
     for (int x = 8; x < 30; ++x) sharp[y * W + x] = 0.75;
-  // An unnormalised kernel is used as given: only its shape matters to the solve after the
-  // engine's own handling, so a box of 3s blurs like the unit box.
-  std::vector<double> kernel(5 * 5, 3.0);
-  std::vector<double> unit(5 * 5, 1.0 / 25);
-  const auto blurred = marlith::synthesis::Blur(sharp, W, H, 1, unit, 5, 5,
+  // The kernel handed to the entry, blurred with, and compared after the call.
+  const std::vector<double> kernel(5 * 5, 1.0 / 25);
+  const auto blurred = marlith::synthesis::Blur(sharp, W, H, 1, kernel, 5, 5,
                                                 marlith::synthesis::BlurBorder::kCircular);
   std::vector<double> out(W * H, -1.0);
   const auto kernelBefore = kernel;
-  ASSERT_EQ(CallMarlithFromC(blurred.data(), out.data(), W, H, unit.data(), 5, 5), 0);
+  ASSERT_EQ(CallMarlithFromC(blurred.data(), out.data(), W, H, kernel.data(), 5, 5), 0);
   EXPECT_EQ(kernel, kernelBefore);
   const double before = marlith::synthesis::Psnr(blurred, sharp, W, H);
   const double after = marlith::synthesis::Psnr(out, sharp, W, H);
   EXPECT_GT(after, before + 3.0) << before << " -> " << after;
 }
 
-TEST(MarlithDeconvolve, RefusesBadSizesAndKernelsWithOneLineAndMinusOne) {
+TEST(MarlithDeconvolve, RefusesNullArraysBadSizesAndKernelsWithOneLineAndMinusOne) {
   std::vector<double> in(16, 0.5), out(16, 0.0), k(9, 0.0);
+  // The first null array in order is named.
+  EXPECT_EQ(Call(nullptr, nullptr, 2, 2, 1, nullptr, 1, 1),
+            std::pair(-1, std::string("inputData cannot be NULL.\n")));
+  EXPECT_EQ(Call(in.data(), nullptr, 2, 2, 1, nullptr, 1, 1),
+            std::pair(-1, std::string("outputData cannot be NULL.\n")));
+  EXPECT_EQ(Call(in.data(), in.data(), 2, 2, 1, nullptr, 1, 1),
+            std::pair(-1, std::string("kernelData cannot be NULL.\n")));
   struct Case {
     int w, h, c, kw, kh;
     double kernelValue;
@@ -54,12 +53,10 @@ TEST(MarlithDeconvolve, RefusesBadSizesAndKernelsWithOneLineAndMinusOne) {
   for (const Case& c :
        {Case{0, 4, 1, 3, 3, 1.0}, Case{4, -1, 1, 3, 3, 1.0}, Case{4, 4, 0, 3, 3, 1.0},
         Case{4, 4, 1, 0, 3, 1.0}, Case{65536, 65536, 3, 3, 3, 1.0}, Case{4, 4, 1, 3, 3, 0.0},
-        Case{4, 4, 1, 3, 3, std::numeric_limits<double>::quiet_NaN()}}) {
+        Case{4, 4, 1, 3, 3, std::nan("")}}) {
     std::fill(k.begin(), k.end(), c.kernelValue);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(
-        marlithDeconvolve(in.data(), out.data(), c.w, c.h, c.c, k.data(), c.kw, c.kh, 1, 1, 0), -1);
-    const std::string message = testing::internal::GetCapturedStdout();
+    const auto [code, message] = Call(in.data(), out.data(), c.w, c.h, c.c, k.data(), c.kw, c.kh);
+    EXPECT_EQ(code, -1);
     EXPECT_EQ(std::count(message.begin(), message.end(), '\n'), 1) << message;
     EXPECT_EQ(message.rfind("marlithDeconvolve: ", 0), 0u) << message;
   }

@@ -4,49 +4,48 @@
 
 #include <cmath>
 
+#include "engine/engine_driver.h"
 #include "marlith/error.hpp"
+#include "plane/plane_padding.h"
+#include "reference_solver.h"
+#include "support/test_support.h"
 
 namespace marlith {
 namespace {
 
-std::vector<double> Smooth(int w, int h, int channels) {
-  std::vector<double> v(static_cast<size_t>(w) * h * channels);
-  for (int c = 0; c < channels; ++c)
-    for (int y = 0; y < h; ++y)
-      for (int x = 0; x < w; ++x)
-        v[(c * h + y) * w + x] = 0.5 + 0.3 * std::sin(0.1 * x + 0.07 * y + c);
-  return v;
-}
-
 TEST(PrepareWorkingPlanes, AnyNonZeroBoundaryTypeAddsThreeKernelSizesOfMarginEachSide) {
   // A 100 x 75 image with a 9 x 9 bordered kernel: 100 x 76 even, plus 54 each way.
-  const auto image = Smooth(100, 75, 2);
+  const auto image = test::RandomValues(2 * 100 * 75, 1, 0.0, 1.0);
   const std::vector<double> kernel(81, 1.0 / 81);
-  for (int32_t boundary : {1, 2, -1}) {
+  for (int32_t boundary : {1, -1, 0}) {
     DeconvRequest r{image.data(), nullptr, kernel.data(), 100, 75, 2, 9, 9, 0.0005, 20, boundary};
     const WorkingPlanes w = PrepareWorkingPlanes(r);
-    ASSERT_EQ(w.width, 154);
-    ASSERT_EQ(w.height, 130);
-    ASSERT_EQ(w.planes.size(), 2u * 154 * 130);
-    // The image sits in the middle of each channel, offset by the margins (27, 27).
+    const int pad = boundary ? 27 : 0;
+    ASSERT_EQ(w.width * 1000 + w.height, (100 + 2 * pad) * 1000 + 76 + 2 * pad);
+    ASSERT_EQ(w.planes.size(), 2u * w.width * w.height);
+    // The image sits in the middle of each channel, offset by the margins.
     for (int c = 0; c < 2; ++c)
-      for (int y = 0; y < 75; ++y)
-        for (int x = 0; x < 100; ++x)
-          ASSERT_EQ(w.planes[(c * 130 + y + 27) * 154 + x + 27], image[(c * 75 + y) * 100 + x]);
+      for (int i = 0; i < 100 * 75; ++i)
+        ASSERT_EQ(w.planes[(c * w.height + i / 100 + pad) * w.width + i % 100 + pad],
+                  image[c * 7500 + i]);
   }
-  DeconvRequest periodic{image.data(), nullptr, kernel.data(), 100, 75, 2, 9, 9, 0.0005, 20, 0};
-  const WorkingPlanes w = PrepareWorkingPlanes(periodic);
-  EXPECT_EQ(w.width, 100);
-  EXPECT_EQ(w.height, 76);
+  DeconvRequest tooLarge{image.data(), nullptr, kernel.data(), 8, 5, 1, 7, 7, 0.0005, 20, 0};
+  EXPECT_THROW(PrepareWorkingPlanes(tooLarge), Error);
 }
 
-TEST(PrepareWorkingPlanes, RefusesAKernelLargerThanTheImage) {
-  const auto image = Smooth(8, 5, 1);
-  const std::vector<double> kernel(7 * 7, 1.0 / 49);
-  for (int32_t boundary : {0, 1}) {
-    DeconvRequest r{image.data(), nullptr, kernel.data(), 8, 5, 1, 7, 7, 0.0005, 20, boundary};
-    EXPECT_THROW(PrepareWorkingPlanes(r), Error);
-  }
+TEST(RunDeconvEngine, AKernelAsWideAsTheImageButShorterMatchesTheReference) {
+  // A 6 x 1 line, bordered to 8 x 3 on an 8 x 12 image: no room left across, some down.
+  constexpr int W = 8, H = 12;
+  const auto input = test::RandomValues(W * H, 3, 0.0, 1.0);
+  const std::vector<double> kernel = {1 / 12.0, 2 / 12.0, 3 / 12.0, 3 / 12.0, 2 / 12.0, 1 / 12.0};
+  std::vector<double> output(W * H);
+  DeconvRequest request{input.data(), output.data(), kernel.data(), W, H, 1, 6, 1, 0.0005, 20, 0};
+  ASSERT_EQ(RunDeconvEngine(request, kFrequencySolverVariant), 0);
+  test::ReferenceSettings settings;
+  settings.localPriorWeight = 20;
+  const auto bordered = PadCenteredUp(std::span<const double>(kernel), 6, 1, 8, 3);
+  const auto expected = test::ReferenceSolve(input, W, H, bordered, 8, 3, settings);
+  for (int i = 0; i < W * H; ++i) EXPECT_NEAR(output[i], expected[i], 1e-9) << i;
 }
 
 }  // namespace

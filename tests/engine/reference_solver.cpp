@@ -5,6 +5,9 @@
 #include <cmath>
 #include <complex>
 
+#include "bench/synthesis.h"
+#include "plane/deconv_solver.h"
+
 namespace marlith::test {
 namespace {
 
@@ -25,37 +28,17 @@ Spectrum Forward(const std::vector<double>& plane, int W, int H) {
 }
 
 std::vector<double> Inverse(const Spectrum& s, int W, int H) {
-  const Spectrum t = Transform(s, W, H, FFTW_BACKWARD);
-  std::vector<double> out(t.size());
-  for (size_t i = 0; i < t.size(); ++i) out[i] = t[i].real() / (static_cast<double>(W) * H);
+  std::vector<double> out;
+  for (const auto& v : Transform(s, W, H, FFTW_BACKWARD)) out.push_back(v.real() / (W * H));
   return out;
 }
 
-// A kw x kh filter placed with its tap (kw/2, kh/2) at the origin, wrapping around.
+// A kw x kh filter placed with its tap (kw/2, kh/2) at the origin, wrapping around: the
+// circular blur of a unit impulse at the origin.
 std::vector<double> AtOrigin(const std::vector<double>& k, int kw, int kh, int W, int H) {
-  std::vector<double> p(static_cast<size_t>(W) * H, 0.0);
-  for (int y = 0; y < kh; ++y)
-    for (int x = 0; x < kw; ++x) {
-      const int px = ((x - kw / 2) % W + W) % W, py = ((y - kh / 2) % H + H) % H;
-      p[static_cast<size_t>(py) * W + px] += k[static_cast<size_t>(y) * kw + x];
-    }
-  return p;
-}
-
-double Shrink(double g, double d, double m, double t, double s) {
-  const double k = 1.0, a = 0.0001, l = 0.5, b = k * l - l * (a * l);
-  const double v = s * m * d + g, e = s * m + 1.0;
-  double x1 = v < 0 ? (v + t * k) / e : (v - t * k) / e;
-  if (v < 0)
-    x1 = std::min(0.0, std::max(-l, x1));
-  else
-    x1 = std::max(0.0, std::min(l, x1));
-  double x2 = v / (2 * a + e);
-  if (v < 0 && x2 > -l) x2 = -l;
-  if (v >= 0 && x2 < l) x2 = l;
-  const double e1 = (x1 - g) * (x1 - g) + t * k * std::fabs(x1) + s * m * (x1 - d) * (x1 - d);
-  const double e2 = (x2 - g) * (x2 - g) + s * m * (x2 - d) * (x2 - d) + t * (a * x2 * x2 + b);
-  return e2 < e1 ? x2 : x1;
+  std::vector<double> impulse(static_cast<size_t>(W) * H, 0.0);
+  impulse[0] = 1.0;
+  return synthesis::Blur(impulse, W, H, 1, k, kw, kh, synthesis::BlurBorder::kCircular);
 }
 
 void Gradients(const std::vector<double>& p, int W, int H, std::vector<double>& gx,
@@ -87,6 +70,9 @@ std::vector<double> ReferenceSolve(const std::vector<double>& observed, int W, i
   double noise = settings.noise <= 1e-12 ? 1e-12 : settings.noise;
   const double lambda = 0.05 / noise;
   const double betaMax = std::min(1048576.0, 100.0 * lambda);
+  // The prior's slope, curvature, offset and level (the shrink rule is tested on its own).
+  const double slope = 1.0, curvature = 0.0001, level = 0.5;
+  const double offset = slope * level - level * (curvature * level);
   std::vector<double> L = observed, gx(n), gy(n), px(n), py(n);
   for (double beta = 1.0; beta <= betaMax; beta *= 2.0) {
     const double gamma = beta / lambda, t = 1.0 / beta, s = settings.localPriorWeight / beta;
@@ -94,8 +80,10 @@ std::vector<double> ReferenceSolve(const std::vector<double>& observed, int W, i
     for (int round = 1; round <= 25; ++round) {
       Gradients(L, W, H, gx, gy);
       for (size_t i = 0; i < n; ++i) {
-        px[i] = Shrink(gx[i], refX[i], mask[i], t, s);
-        py[i] = Shrink(gy[i], refY[i], mask[i], t, s);
+        px[i] =
+            PiecewisePriorShrink(gx[i], refX[i], mask[i], t, s, slope, curvature, offset, level);
+        py[i] =
+            PiecewisePriorShrink(gy[i], refY[i], mask[i], t, s, slope, curvature, offset, level);
       }
       const std::vector<double> previous = L;
       const Spectrum sx = Forward(px, W, H), sy = Forward(py, W, H);

@@ -7,6 +7,7 @@
 #include <numeric>
 #include <random>
 
+#include "bench/synthesis.h"
 #include "marlith/error.hpp"
 #include "plane/dft2d.h"
 #include "plane/plane_padding.h"
@@ -14,25 +15,6 @@
 
 namespace marlith {
 namespace {
-
-// Circular convolution of a W x H plane with a kw x kh kernel whose tap (kw/2, kh/2) sits on
-// the output pixel: y(p) = sum_j k(j) x(p - (j - centre)).
-std::vector<double> CircularConvolve(const std::vector<double>& x, int W, int H,
-                                     const std::vector<double>& k, int kw, int kh) {
-  std::vector<double> y(x.size(), 0.0);
-  for (int py = 0; py < H; ++py)
-    for (int px = 0; px < W; ++px) {
-      double sum = 0.0;
-      for (int j = 0; j < kh; ++j)
-        for (int i = 0; i < kw; ++i) {
-          const int sx = ((px - (i - kw / 2)) % W + W) % W;
-          const int sy = ((py - (j - kh / 2)) % H + H) % H;
-          sum += k[j * kw + i] * x[sy * W + sx];
-        }
-      y[py * W + px] = sum;
-    }
-  return y;
-}
 
 TEST(SpectralTransform, InverseAfterForwardIsTheIdentity) {
   for (auto [W, H] : {std::pair{6, 4}, std::pair{10, 8}, std::pair{2, 2}}) {
@@ -137,7 +119,7 @@ TEST_F(SolverTest, KernelSpectrumConvolvesAboutTheKernelsCentreTap) {
     spectrum[i] *= std::conj(conjK[i]);
   }
   inverse.Inverse(spectrum.get(), plane.get());
-  const auto expected = CircularConvolve(x, W, H, k, 5, 3);
+  const auto expected = synthesis::Blur(x, W, H, 1, k, 5, 3, synthesis::BlurBorder::kCircular);
   for (int i = 0; i < W * H; ++i) EXPECT_NEAR(plane[i], expected[i], 1e-12) << i;
 }
 

@@ -2,38 +2,31 @@
 
 #include <gtest/gtest.h>
 
-#include <random>
-
 #include "refine/kernel_refinement_pass.h"
+#include "support/test_support.h"
 
 namespace marlith {
 namespace {
 
 TEST(ConvolutionMatrix, TakesBackwardDifferencesWithClampedTapsMerging) {
-  // The (0, 1, -1) filter rotated is (-1, 1, 0): D x at p = x(p) - x(p - 1), the left tap
-  // clamped onto the grid, so the first column's row cancels to zero.
+  // The (0, 1, -1) filter rotated is (-1, 1, 0): D x at p = x(p) - x(p - 1) on a 3 x 2 grid, the
+  // tap before the first column (row) clamped onto it, so that its rows cancel to zero.
   const std::vector<double> f = {0.0, 1.0, -1.0};
-  const auto dx = convolutionMatrix(f, 3, 1, 3, 2);
-  const double expectedX[6][6] = {{0, 0, 0, 0, 0, 0}, {-1, 1, 0, 0, 0, 0}, {0, -1, 1, 0, 0, 0},
-                                  {0, 0, 0, 0, 0, 0}, {0, 0, 0, -1, 1, 0}, {0, 0, 0, 0, -1, 1}};
-  for (int r = 0; r < 6; ++r)
-    for (int c = 0; c < 6; ++c) EXPECT_EQ(dx[r * 6 + c], expectedX[r][c]) << r << "," << c;
-  const auto dy = convolutionMatrix(f, 1, 3, 3, 2);
-  // Grid 3 x 2: rows of the second grid row take x(p) - x(p above).
-  for (int x = 0; x < 3; ++x) {
-    EXPECT_EQ(dy[(3 + x) * 6 + 3 + x], 1.0);
-    EXPECT_EQ(dy[(3 + x) * 6 + x], -1.0);
-    for (int c = 0; c < 6; ++c) EXPECT_EQ(dy[x * 6 + c], 0.0);
+  for (auto [fw, fh, step] : {std::tuple{3, 1, 1}, std::tuple{1, 3, 3}}) {
+    const auto d = convolutionMatrix(f, fw, fh, 3, 2);
+    for (int r = 0; r < 6; ++r)
+      for (int c = 0; c < 6; ++c) {
+        const bool first = fw == 3 ? r % 3 == 0 : r < 3;
+        const double expected = first ? 0.0 : c == r ? 1.0 : c == r - step ? -1.0 : 0.0;
+        EXPECT_EQ(d[r * 6 + c], expected) << fw << " " << r << "," << c;
+      }
   }
 }
 
 TEST(BuildNormalEquations, SumsShiftedProductsInsideTheMarginsAndIsEmptyForSmallImages) {
   const int W = 40, H = 36, kw = 3, kh = 3;  // margins 14 columns and 14 rows
-  std::mt19937 rng(3);
-  std::uniform_real_distribution<double> u(0.0, 1.0);
-  std::vector<double> latent(2 * W * H), observed(2 * W * H);
-  for (double& v : latent) v = u(rng);
-  for (double& v : observed) v = u(rng);
+  const auto latent = test::RandomValues(2 * W * H, 3, 0.0, 1.0);
+  const auto observed = test::RandomValues(2 * W * H, 4, 0.0, 1.0);
   std::vector<double> N, h;
   buildNormalEquations(observed, latent, W, H, 2, kw, kh, N, h);
   // Entry (i, j) from the definition: offsets (i % 3 - 1, i / 3 - 1).
@@ -54,18 +47,15 @@ TEST(BuildNormalEquations, SumsShiftedProductsInsideTheMarginsAndIsEmptyForSmall
     EXPECT_NEAR(h[i], hh, 1e-11 * hh);
   }
   buildNormalEquations(observed, latent, 28, 28, 1, kw, kh, N, h);  // no pixel inside
-  for (double v : N) EXPECT_EQ(v, 0.0);
-  for (double v : h) EXPECT_EQ(v, 0.0);
+  EXPECT_EQ(N, std::vector<double>(81, 0.0));
+  EXPECT_EQ(h, std::vector<double>(9, 0.0));
 }
 
 TEST(CleanKernel, KeepsOnlyEntriesStrictlyAboveATenthOfThePeak) {
-  std::vector<double> k = {0.5, 0.05, 0.0501, 0.2, 0.04, 0.0};
+  std::vector<double> k = {0.5, 0.05, 0.0501, 0.2, 0.04, 0.0};  // 0.05: exactly a tenth
   CleanKernel(k);
   const double sum = 0.5 + 0.0501 + 0.2;
-  EXPECT_DOUBLE_EQ(k[0], 0.5 / sum);
-  EXPECT_EQ(k[1], 0.0);  // exactly a tenth of 0.5
-  EXPECT_DOUBLE_EQ(k[2], 0.0501 / sum);
-  EXPECT_EQ(k[4], 0.0);
+  EXPECT_EQ(k, (std::vector<double>{0.5 / sum, 0.0, 0.0501 / sum, 0.2 / sum, 0.0, 0.0}));
 }
 
 }  // namespace

@@ -14,6 +14,8 @@
 namespace marlith {
 namespace {
 
+using synthesis::BlurBorder;
+
 // Piecewise-constant rectangles of random grey levels on a W x H plane: edges in every
 // direction for the kernel fit to see.
 std::vector<double> Rectangles(int W, int H, unsigned seed) {
@@ -31,25 +33,22 @@ std::vector<double> Rectangles(int W, int H, unsigned seed) {
   return v;
 }
 
-double L1(const std::vector<double>& a, const std::vector<double>& b) {
+double L1(const std::vector<double>& a, const std::vector<double>& b, bool rotateA = false) {
   double s = 0.0;
-  for (size_t i = 0; i < a.size(); ++i) s += std::fabs(a[i] - b[i]);
+  for (size_t i = 0; i < a.size(); ++i) s += std::fabs(a[rotateA ? a.size() - 1 - i : i] - b[i]);
   return s;
 }
 
-std::vector<double> Rotated(std::vector<double> k) {
-  std::reverse(k.begin(), k.end());
-  return k;
-}
-
-// A 9 x 9 frame holding an asymmetric motion-like kernel (unit sum) around its centre.
-std::vector<double> TrueKernel() {
+// A 9 x 9 frame holding an asymmetric motion-like kernel (unit sum) about its centre (or, with
+// centred support, about the middle of its 5 x 3 support).
+std::vector<double> TrueKernel(bool centredSupport = false) {
   std::vector<double> k(81, 0.0);
-  k[4 * 9 + 2] = 0.1;
-  k[4 * 9 + 3] = 0.2;
+  const int row = centredSupport ? 5 : 4;
+  k[row * 9 + 2] = 0.1;
+  k[row * 9 + 3] = 0.2;
   k[4 * 9 + 4] = 0.3;
-  k[3 * 9 + 5] = 0.25;
-  k[2 * 9 + 6] = 0.15;
+  k[(centredSupport ? 4 : 3) * 9 + 5] = 0.25;
+  k[(centredSupport ? 3 : 2) * 9 + 6] = 0.15;
   return k;
 }
 
@@ -57,61 +56,52 @@ TEST(ReestimateKernel, RecoversAKnownKernelFromAnExactLatentImage) {
   const int W = 160, H = 160;  // margins of ceil(4.5 x 9) = 41 leave a 78 x 78 fit
   const auto latent = Rectangles(W, H, 1);
   const auto k = TrueKernel();
-  const auto observed = synthesis::Blur(latent, W, H, 1, k, 9, 9, synthesis::BlurBorder::kCircular);
+  const auto observed = synthesis::Blur(latent, W, H, 1, k, 9, 9, BlurBorder::kCircular);
   std::vector<double> estimate(81, 1.0 / 81);
   ASSERT_EQ(reestimateKernel(observed, latent, W, H, 1, estimate, 9, 9, estimate),
             KernelEstimateStatus::kRefined);
   EXPECT_NEAR(std::accumulate(estimate.begin(), estimate.end(), 0.0), 1.0, 1e-12);
   for (double v : estimate) EXPECT_GE(v, 0.0);
   // The fit finds the kernel's taps as they act on the latent image: written out rotated by
-  // 180 degrees, the result is the convolution kernel itself.
-  // (The L1 penalty on the kernel's differences keeps it from matching exactly.)
-  const double toKernel = L1(estimate, k), toRotation = L1(estimate, Rotated(k));
-  std::printf("L1 to the kernel %.4f, to its rotation %.4f\n", toKernel, toRotation);
-  EXPECT_LT(toKernel, 0.3);
-  EXPECT_LT(toKernel, 0.25 * toRotation);
+  // 180 degrees, the result is the convolution kernel itself (the L1 penalty on the kernel's
+  // differences keeps it from matching exactly).
+  std::printf("L1 to the kernel %.4f, to its rotation %.4f\n", L1(estimate, k),
+              L1(estimate, k, true));
+  EXPECT_LT(L1(estimate, k), 0.3);
+  EXPECT_LT(L1(estimate, k), 0.25 * L1(estimate, k, true));
 }
 
 TEST(KernelRefinementPass, MovesAPerturbedKernelTowardsTheTrueOne) {
   const int W = 128, H = 128;
-  const auto sharp = Rectangles(W, H, 2);
   const auto k = TrueKernel();
-  auto blurred = synthesis::Blur(sharp, W, H, 1, k, 9, 9, synthesis::BlurBorder::kCircular);
+  auto blurred = synthesis::Blur(Rectangles(W, H, 2), W, H, 1, k, 9, 9, BlurBorder::kCircular);
   synthesis::AddGaussianNoise(blurred, 0.002, 3);
   // Perturbed: shifted one sample right and widened by a 3-tap smear.
   std::vector<double> perturbed(81, 0.0);
-  for (int y = 0; y < 9; ++y)
-    for (int x = 0; x < 8; ++x)
-      for (int d = -1; d <= 1; ++d)
-        if (y + d >= 0 && y + d < 9) perturbed[(y + d) * 9 + x + 1] += k[y * 9 + x] / 3.0;
+  for (int i = 0; i < 81; ++i)
+    for (int d = -1; d <= 1 && i % 9 < 8; ++d)
+      if (i / 9 + d >= 0 && i / 9 + d < 9) perturbed[i + d * 9 + 1] += k[i] / 3.0;
   std::vector<double> kernel = perturbed, output(W * H);
   DeconvRequest request{blurred.data(), output.data(), kernel.data(), W, H, 1, 9, 9, 0.0005, 20, 0};
   ASSERT_EQ(RunKernelRefinementPass(request, kernel), 0);
-  const double before = L1(perturbed, k);
-  const double afterAsIs = L1(kernel, k), afterRotated = L1(Rotated(kernel), k);
-  std::printf("L1 perturbed %.4f, refined %.4f (rotated back %.4f)\n", before, afterAsIs,
-              afterRotated);
+  std::printf("L1 perturbed %.4f, refined %.4f (rotated back %.4f)\n", L1(perturbed, k),
+              L1(kernel, k), L1(kernel, k, true));
   EXPECT_NEAR(std::accumulate(kernel.begin(), kernel.end(), 0.0), 1.0, 1e-12);
   // Observed: with the 180-degree rotation undone the refined kernel is the closer one (1.26
   // against 1.43 for the perturbed kernel); as written it is closer too (1.34).
-  EXPECT_LT(afterRotated, before);
+  EXPECT_LT(L1(kernel, k, true), L1(perturbed, k));
 }
 
 TEST(RunDeconvEngine, VariantTwoRefinesThePreparedKernelAndRestoresTheImage) {
   const int W = 128, H = 96;
   const auto sharp = Rectangles(W, H, 4);
-  // Support centred in the frame (columns 2..6, rows 3..5), so that trimming it to its support
-  // does not move the result against the sharp image.
-  std::vector<double> k(81, 0.0);
-  k[5 * 9 + 2] = 0.1;
-  k[5 * 9 + 3] = 0.2;
-  k[4 * 9 + 4] = 0.3;
-  k[4 * 9 + 5] = 0.25;
-  k[3 * 9 + 6] = 0.15;
-  const auto given = k;
+  // Support centred in the frame, so that trimming it to its support does not move the result
+  // against the sharp image.
+  const auto given = TrueKernel(true);
+  auto k = given;
   std::vector<double> rgb;
   for (int c = 0; c < 3; ++c) rgb.insert(rgb.end(), sharp.begin(), sharp.end());
-  const auto blurred = synthesis::Blur(rgb, W, H, 3, k, 9, 9, synthesis::BlurBorder::kCircular);
+  const auto blurred = synthesis::Blur(rgb, W, H, 3, k, 9, 9, BlurBorder::kCircular);
   std::vector<double> output(rgb.size(), -1.0);
   DeconvRequest request{blurred.data(), output.data(), k.data(), W, H, 3, 9, 9, 0.0005, 20, 0};
   PreparedKernel used;
@@ -119,8 +109,7 @@ TEST(RunDeconvEngine, VariantTwoRefinesThePreparedKernelAndRestoresTheImage) {
   // The caller's kernel is untouched; the refined one (trimmed to 5 x 3, bordered to 7 x 5)
   // comes back through the out-parameter, cleaned and of unit sum.
   EXPECT_EQ(k, given);
-  EXPECT_EQ(used.width, 7);
-  EXPECT_EQ(used.height, 5);
+  EXPECT_EQ(used.width * 10 + used.height, 75);
   EXPECT_NEAR(std::accumulate(used.values.begin(), used.values.end(), 0.0), 1.0, 1e-12);
   EXPECT_GT(synthesis::Psnr(output, rgb, W, H, 3), synthesis::Psnr(blurred, rgb, W, H, 3) + 3.0);
 }

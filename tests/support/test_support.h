@@ -9,11 +9,6 @@
 
 namespace marlith::test {
 
-// Peak signal-to-noise ratio in dB of a against b on the [0, 1] scale, over the
-// (width - 2 margin) x (height - 2 margin) interior of each channel.
-double Psnr(std::span<const double> a, std::span<const double> b, int width, int height,
-            int channels = 1, int margin = 0);
-
 // n values drawn uniformly from [lo, hi) with a fixed seed.
 std::vector<double> RandomValues(size_t n, unsigned seed, double lo = -1.0, double hi = 1.0);
 
