@@ -70,7 +70,7 @@ TEST(Deconvolve, CentreOriginLeavesOffCentreBlursWhereTheyWere) {
       const auto shift = BestShift(out, sharp, W, H, 6);
       if (origin == KernelOrigin::kCenter) {
         EXPECT_EQ(shift, std::make_pair(0, 0)) << c.kw << " x " << c.kh;
-        EXPECT_GT(test::Psnr(out, sharp, W, H), 30.0);
+        EXPECT_GT(synthesis::Psnr(out, sharp, W, H), 30.0);
       } else {
         EXPECT_NE(shift, std::make_pair(0, 0)) << c.kw << " x " << c.kh;
       }
