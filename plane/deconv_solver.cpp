@@ -1,5 +1,7 @@
 #include "plane/deconv_solver.h"
 
+#include <omp.h>
+
 #include <algorithm>
 #include <cassert>
 #include <chrono>
@@ -141,15 +143,21 @@ __attribute__((target_clones("avx512f", "avx2", "default"))) void ShrinkRow(
   psiY[W - 1] = ShrinkPlain(below[W - 1] - cur[W - 1], c);
 }
 
-// One row of the spectral division: L^ = (gamma (conj(Dx) Psix^ + conj(Dy) Psiy^) + N) / D
-// with D = gamma |D|^2 + |K|^2, the inverse transform's 1 / (W x H) folded in. conj(Dx) and
-// conj(Dy) are their column factors times this row's factor. L^ is written over Psix^.
+// The adjoint differences of one row of auxiliary gradients: with wrap-around,
+// r(x) = (psiX(x - 1) - psiX(x)) + (psiYAbove(x) - psiY(x)), the real plane whose transform is
+// conj(Dx) Psix^ + conj(Dy) Psiy^ (the backward differences Dx^T Psix + Dy^T Psiy).
+__attribute__((target_clones("avx512f", "avx2", "default"))) void AdjointDifferencesRow(
+    const double* __restrict psiX, const double* __restrict psiY,
+    const double* __restrict psiYAbove, int W, double* __restrict r) {
+  r[0] = (psiX[W - 1] - psiX[0]) + (psiYAbove[0] - psiY[0]);
+  for (int x = 1; x < W; ++x) r[x] = (psiX[x - 1] - psiX[x]) + (psiYAbove[x] - psiY[x]);
+}
+
+// One row of the spectral division: L^ = (gamma R^ + N) / D with R^ the transform of the
+// adjoint differences and D = gamma |D|^2 + |K|^2, the inverse transform's 1 / (W x H) folded
+// in. L^ is written over R^.
 struct SpectralRow {
   int count;
-  const Complex* dxByColumn;
-  const Complex* dyByColumn;
-  Complex dxRow, dyRow;
-  const Complex* psiY;
   const Complex* numerator;
   const double* dxPowerByColumn;  // |Dx|^2 = dxPowerByColumn[u] x dxPowerRow, likewise |Dy|^2
   const double* dyPowerByColumn;
@@ -160,9 +168,7 @@ struct SpectralRow {
 
 // Like the shrink, a division per sample: built for wider vector units too.
 __attribute__((target_clones("avx512f", "avx2", "default"))) void DivideSpectralRow(
-    const SpectralRow r, Complex* __restrict psiX) {
-  const Complex bx = r.dxRow, by = r.dyRow;
-  const Complex* __restrict py = r.psiY;
+    const SpectralRow r, Complex* __restrict spectrum) {
   const Complex* __restrict num = r.numerator;
   const double* __restrict gx = r.dxPowerByColumn;
   const double* __restrict gy = r.dyPowerByColumn;
@@ -170,21 +176,12 @@ __attribute__((target_clones("avx512f", "avx2", "default"))) void DivideSpectral
   const double* __restrict kp = r.kernelPower;
   const double gamma = r.gamma, inverseScale = r.inverseScale;
   for (int u = 0; u < r.count; ++u) {
-    const Complex ax = r.dxByColumn[u], ay = r.dyByColumn[u];
-    const double cxRe = ax.real() * bx.real() - ax.imag() * bx.imag();
-    const double cxIm = ax.real() * bx.imag() + ax.imag() * bx.real();
-    const double cyRe = ay.real() * by.real() - ay.imag() * by.imag();
-    const double cyIm = ay.real() * by.imag() + ay.imag() * by.real();
-    const Complex px = psiX[u], pyu = py[u];
-    const double sumRe =
-        cxRe * px.real() - cxIm * px.imag() + (cyRe * pyu.real() - cyIm * pyu.imag());
-    const double sumIm =
-        cxRe * px.imag() + cxIm * px.real() + (cyRe * pyu.imag() + cyIm * pyu.real());
+    const Complex a = spectrum[u];
     const double gradientPower = gx[u] * gxRow + gy[u] * gyRow;
     const double denominator = gamma * gradientPower + kp[u];
     const double scale = inverseScale / denominator;
-    psiX[u] =
-        Complex((gamma * sumRe + num[u].real()) * scale, (gamma * sumIm + num[u].imag()) * scale);
+    spectrum[u] = Complex((gamma * a.real() + num[u].real()) * scale,
+                          (gamma * a.imag() + num[u].imag()) * scale);
   }
 }
 
@@ -254,9 +251,8 @@ int SpectralDeconvSolver::Setup(const double* imagePlane, int width, int height,
   inverseTransform_ =
       std::make_unique<SpectralTransform>(width, height, SpectralTransform::kInverse, threads);
   // Working planes of an earlier size are dropped; the first solve obtains new ones.
-  for (auto* plane : {&latentA_, &latentB_, &psiX_, &psiY_}) plane->reset();
-  psiXSpectrum_.reset();
-  psiYSpectrum_.reset();
+  for (auto* plane : {&latentA_, &latentB_, &adjoint_}) plane->reset();
+  spectrum_.reset();
   result_ = nullptr;
   ResetDefaults();
   PrecomputeGradientSpectra();
@@ -399,20 +395,18 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
   const int W = width_, H = height_;
   const size_t n = planeSize_, nc = spectrumSize_;
   // L and the previous L alternate between two buffers, so keeping the previous estimate costs
-  // no copy. Psix's spectrum becomes L's spectrum in place: the division pass writes each
-  // value where it has just read it.
+  // no copy. A round transforms one real plane, the adjoint differences of the auxiliary
+  // gradients, and the division turns its spectrum into L's in place.
   if (!latentA_) {
     latentA_ = AllocateFftwBuffer<double>(n);
     latentB_ = AllocateFftwBuffer<double>(n);
-    psiX_ = AllocateFftwBuffer<double>(n);
-    psiY_ = AllocateFftwBuffer<double>(n);
-    psiXSpectrum_ = AllocateFftwBuffer<Complex>(nc);
-    psiYSpectrum_ = AllocateFftwBuffer<Complex>(nc);
+    adjoint_ = AllocateFftwBuffer<double>(n);
+    spectrum_ = AllocateFftwBuffer<Complex>(nc);
   }
-  double* const psiX = psiX_.get();
-  double* const psiY = psiY_.get();
-  Complex* const psiXSpectrum = psiXSpectrum_.get();
-  Complex* const psiYSpectrum = psiYSpectrum_.get();
+  double* const adjoint = adjoint_.get();
+  Complex* const spectrum = spectrum_.get();
+  // Three rows per thread: Psix and Psiy of the row, and Psiy of the row above.
+  std::vector<double> rows(static_cast<size_t>(threads_) * 3 * W);
   std::vector<double> rowChange(H), rowNorm(H);
   double* latent = latentA_.get();
   double* previous = latentB_.get();
@@ -431,10 +425,6 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
   const double* kernelPower = kernelPower_.data();
   const Complex* numerator = numerator_.get();
   const int Wc = W / 2 + 1;
-  const Complex* dxByColumn = conjDx_.byColumn.data();
-  const Complex* dxByRow = conjDx_.byRow.data();
-  const Complex* dyByColumn = conjDy_.byColumn.data();
-  const Complex* dyByRow = conjDy_.byRow.data();
   // The inverse transform's 1 / (W x H) is folded into the spectral division.
   const double inverseScale = 1.0 / static_cast<double>(n);
   const unsigned maxInner = iterationBudget / 2;
@@ -450,32 +440,43 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
     unsigned round = 0;
     double ratio;
     const auto roundsStart = std::chrono::steady_clock::now();
+    // Psix and Psiy of row y from the current estimate's forward differences.
+    auto shrinkRow = [&](int y, double* psiX, double* psiY) {
+      const size_t row = static_cast<size_t>(y) * W;
+      const double* below = latent + static_cast<size_t>(y + 1 == H ? 0 : y + 1) * W;
+      if (localPrior) {
+        ShrinkRowWithLocalPrior(latent + row, below, refX + row, refY + row, mask + row, W, t, s,
+                                shape, psiX, psiY);
+      } else {
+        ShrinkRow(latent + row, below, W, t, shape, psiX, psiY);
+      }
+    };
     do {
-      // Auxiliary gradients from the current estimate's forward differences.
-#pragma omp parallel for schedule(static) num_threads(threads_)
-      for (int y = 0; y < H; ++y) {
-        const size_t row = static_cast<size_t>(y) * W;
-        const double* below = latent + static_cast<size_t>(y + 1 == H ? 0 : y + 1) * W;
-        if (localPrior) {
-          ShrinkRowWithLocalPrior(latent + row, below, refX + row, refY + row, mask + row, W, t, s,
-                                  shape, psiX + row, psiY + row);
-        } else {
-          ShrinkRow(latent + row, below, W, t, shape, psiX + row, psiY + row);
+      // Auxiliary gradients and their adjoint differences in one pass over the estimate: each
+      // thread takes a block of rows and first shrinks the row above its block (wrapping), so
+      // every value is formed the same way whatever the thread count.
+#pragma omp parallel num_threads(threads_)
+      {
+        const int count = omp_get_num_threads(), id = omp_get_thread_num();
+        const int first = static_cast<int>(static_cast<long long>(H) * id / count);
+        const int last = static_cast<int>(static_cast<long long>(H) * (id + 1) / count);
+        double* psiX = rows.data() + static_cast<size_t>(id) * 3 * W;
+        double* psiY = psiX + W;
+        double* psiYAbove = psiY + W;
+        if (first < last) shrinkRow(first == 0 ? H - 1 : first - 1, psiX, psiYAbove);
+        for (int y = first; y < last; ++y) {
+          shrinkRow(y, psiX, psiY);
+          AdjointDifferencesRow(psiX, psiY, psiYAbove, W, adjoint + static_cast<size_t>(y) * W);
+          std::swap(psiY, psiYAbove);
         }
       }
       std::swap(latent, previous);
-      forwardTransform_->Forward(psiX, psiXSpectrum);
-      forwardTransform_->Forward(psiY, psiYSpectrum);
-      // L^ = (gamma (conj(Dx) Psix^ + conj(Dy) Psiy^) + N) / (gamma |D|^2 + |K|^2), row by row.
+      forwardTransform_->Forward(adjoint, spectrum);
+      // L^ = (gamma R^ + N) / (gamma |D|^2 + |K|^2), row by row.
 #pragma omp parallel for schedule(static) num_threads(threads_)
       for (int v = 0; v < H; ++v) {
         const size_t row = static_cast<size_t>(v) * Wc;
         const SpectralRow r{.count = Wc,
-                            .dxByColumn = dxByColumn,
-                            .dyByColumn = dyByColumn,
-                            .dxRow = dxByRow[v],
-                            .dyRow = dyByRow[v],
-                            .psiY = psiYSpectrum + row,
                             .numerator = numerator + row,
                             .dxPowerByColumn = conjDx_.powerByColumn.data(),
                             .dyPowerByColumn = conjDy_.powerByColumn.data(),
@@ -484,9 +485,9 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
                             .kernelPower = kernelPower + row,
                             .gamma = gamma,
                             .inverseScale = inverseScale};
-        DivideSpectralRow(r, psiXSpectrum + row);
+        DivideSpectralRow(r, spectrum + row);
       }
-      inverseTransform_->InverseUnscaled(psiXSpectrum, latent);
+      inverseTransform_->InverseUnscaled(spectrum, latent);
       // Sums per row, added in row order: the same result for any number of threads.
 #pragma omp parallel for schedule(static) num_threads(threads_)
       for (int y = 0; y < H; ++y) {

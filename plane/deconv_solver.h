@@ -131,8 +131,8 @@ class SpectralDeconvSolver : public DeconvSolver {
   std::unique_ptr<SpectralTransform> inverseTransform_;
 
   // conj(Dx) and conj(Dy) as byColumn[u] x byRow[v]: the difference filters have their taps
-  // in one row or one column, so their spectra factor, and the inner round reads two short
-  // vectors instead of two complex planes.
+  // in one row or one column, so their spectra factor, and the division reads the factors'
+  // squared magnitudes (short vectors) instead of a plane of |D|^2.
   struct FactoredSpectrum {
     std::vector<Complex> byColumn, byRow;
     std::vector<double> powerByColumn, powerByRow;  // the squared magnitudes of the factors
@@ -142,8 +142,8 @@ class SpectralDeconvSolver : public DeconvSolver {
   bool weightsPrepared_ = false;
   // Working planes of the solve, obtained on the first solve and reused by every later one
   // (each channel, each noise level), so their pages are touched once.
-  FftwBuffer<double> latentA_, latentB_, psiX_, psiY_;
-  FftwBuffer<Complex> psiXSpectrum_, psiYSpectrum_;
+  FftwBuffer<double> latentA_, latentB_, adjoint_;
+  FftwBuffer<Complex> spectrum_;
   std::vector<double> kernelPower_;
   std::vector<double> refGradX_, refGradY_, smoothMask_;
   std::vector<double> kernelCopy_;
