@@ -42,8 +42,8 @@ EngineFileRun RunEngineOnFiles(const std::string& blurred, const std::string& ke
   Load(kernelImage, kernelFile);
   const ImagePlanes image = ImageToPlanes(blurredImage);
   const ImagePlanes kernelPlanes = KernelFromImage(kernelImage);
-  const PreparedKernel kernel = PrepareKernel(
-      kernelPlanes.planes, kernelPlanes.width, kernelPlanes.height);
+  const PreparedKernel kernel =
+      PrepareKernel(kernelPlanes.planes, kernelPlanes.width, kernelPlanes.height);
   std::vector<double> output(image.planes.size(), 0.0);
   DeconvRequest request{};
   request.input = image.planes.data();
@@ -68,12 +68,10 @@ EngineFileRun RunEngineOnFiles(const std::string& blurred, const std::string& ke
   WorkingSize(image.width, image.height, kernel.width, kernel.height, boundaryType, margins,
               run.workWidth, run.workHeight);
   const SaveResult saved =
-      image.channels == 3
-          ? SaveColourPlanes(output, image.width, image.height, image.channels, out)
-          : SaveGreyPlane(output, image.width, image.height, out, 0);
+      image.channels == 3 ? SaveColourPlanes(output, image.width, image.height, image.channels, out)
+                          : SaveGreyPlane(output, image.width, image.height, out, 0);
   if (!saved.ok) throw Error(saved.error);
-  run.seconds =
-      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   return run;
 }
 

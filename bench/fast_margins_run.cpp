@@ -15,9 +15,9 @@ int main(int argc, char** argv) {
     return 2;
   }
   try {
-    const auto run = marlith::bench::RunEngineOnFiles(
-        argv[1], argv[2], argv[3], std::atoi(argv[4]), std::atof(argv[5]), std::atof(argv[6]),
-        marlith::MarginSize::kFast);
+    const auto run = marlith::bench::RunEngineOnFiles(argv[1], argv[2], argv[3], std::atoi(argv[4]),
+                                                      std::atof(argv[5]), std::atof(argv[6]),
+                                                      marlith::MarginSize::kFast);
     std::printf("working plane %d x %d, %d inner rounds\n", run.workWidth, run.workHeight,
                 run.innerRounds);
     std::printf("time cost : %f\n", run.seconds);
