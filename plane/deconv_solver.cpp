@@ -1,7 +1,5 @@
 #include "plane/deconv_solver.h"
 
-#include <omp.h>
-
 #include <algorithm>
 #include <cassert>
 #include <chrono>
@@ -11,6 +9,7 @@
 
 #include "marlith/error.hpp"
 #include "plane/plane_padding.h"
+#include "plane/worker_pool.h"
 
 namespace marlith {
 
@@ -405,8 +404,10 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
   }
   double* const adjoint = adjoint_.get();
   Complex* const spectrum = spectrum_.get();
-  // Three rows per thread: Psix and Psiy of the row, and Psiy of the row above.
-  std::vector<double> rows(static_cast<size_t>(threads_) * 3 * W);
+  // Each pass is split into one block of rows per thread; the shrink's jobs keep three rows
+  // each: Psix and Psiy of the row, and Psiy of the row above.
+  const int jobs = std::min(threads_, H);
+  std::vector<double> rows(static_cast<size_t>(jobs) * 3 * W);
   std::vector<double> rowChange(H), rowNorm(H);
   double* latent = latentA_.get();
   double* previous = latentB_.get();
@@ -453,14 +454,11 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
     };
     do {
       // Auxiliary gradients and their adjoint differences in one pass over the estimate: each
-      // thread takes a block of rows and first shrinks the row above its block (wrapping), so
+      // job takes a block of rows and first shrinks the row above its block (wrapping), so
       // every value is formed the same way whatever the thread count.
-#pragma omp parallel num_threads(threads_)
-      {
-        const int count = omp_get_num_threads(), id = omp_get_thread_num();
-        const int first = static_cast<int>(static_cast<long long>(H) * id / count);
-        const int last = static_cast<int>(static_cast<long long>(H) * (id + 1) / count);
-        double* psiX = rows.data() + static_cast<size_t>(id) * 3 * W;
+      RunParallelJobs(jobs, threads_, [&](int job) {
+        const int first = JobBegin(H, job, jobs), last = JobBegin(H, job + 1, jobs);
+        double* psiX = rows.data() + static_cast<size_t>(job) * 3 * W;
         double* psiY = psiX + W;
         double* psiYAbove = psiY + W;
         if (first < last) shrinkRow(first == 0 ? H - 1 : first - 1, psiX, psiYAbove);
@@ -469,38 +467,40 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
           AdjointDifferencesRow(psiX, psiY, psiYAbove, W, adjoint + static_cast<size_t>(y) * W);
           std::swap(psiY, psiYAbove);
         }
-      }
+      });
       std::swap(latent, previous);
       forwardTransform_->Forward(adjoint, spectrum);
       // L^ = (gamma R^ + N) / (gamma |D|^2 + |K|^2), row by row.
-#pragma omp parallel for schedule(static) num_threads(threads_)
-      for (int v = 0; v < H; ++v) {
-        const size_t row = static_cast<size_t>(v) * Wc;
-        const SpectralRow r{.count = Wc,
-                            .numerator = numerator + row,
-                            .dxPowerByColumn = conjDx_.powerByColumn.data(),
-                            .dyPowerByColumn = conjDy_.powerByColumn.data(),
-                            .dxPowerRow = conjDx_.powerByRow[v],
-                            .dyPowerRow = conjDy_.powerByRow[v],
-                            .kernelPower = kernelPower + row,
-                            .gamma = gamma,
-                            .inverseScale = inverseScale};
-        DivideSpectralRow(r, spectrum + row);
-      }
+      RunParallelJobs(jobs, threads_, [&](int job) {
+        for (int v = JobBegin(H, job, jobs); v < JobBegin(H, job + 1, jobs); ++v) {
+          const size_t row = static_cast<size_t>(v) * Wc;
+          const SpectralRow r{.count = Wc,
+                              .numerator = numerator + row,
+                              .dxPowerByColumn = conjDx_.powerByColumn.data(),
+                              .dyPowerByColumn = conjDy_.powerByColumn.data(),
+                              .dxPowerRow = conjDx_.powerByRow[v],
+                              .dyPowerRow = conjDy_.powerByRow[v],
+                              .kernelPower = kernelPower + row,
+                              .gamma = gamma,
+                              .inverseScale = inverseScale};
+          DivideSpectralRow(r, spectrum + row);
+        }
+      });
       inverseTransform_->InverseUnscaled(spectrum, latent);
       // Sums per row, added in row order: the same result for any number of threads.
-#pragma omp parallel for schedule(static) num_threads(threads_)
-      for (int y = 0; y < H; ++y) {
-        double c = 0.0, m = 0.0;
-        const size_t row = static_cast<size_t>(y) * W;
-        for (int x = 0; x < W; ++x) {
-          const double d = latent[row + x] - previous[row + x];
-          c += d * d;
-          m += latent[row + x] * latent[row + x];
+      RunParallelJobs(jobs, threads_, [&](int job) {
+        for (int y = JobBegin(H, job, jobs); y < JobBegin(H, job + 1, jobs); ++y) {
+          double c = 0.0, m = 0.0;
+          const size_t row = static_cast<size_t>(y) * W;
+          for (int x = 0; x < W; ++x) {
+            const double d = latent[row + x] - previous[row + x];
+            c += d * d;
+            m += latent[row + x] * latent[row + x];
+          }
+          rowChange[y] = c;
+          rowNorm[y] = m;
         }
-        rowChange[y] = c;
-        rowNorm[y] = m;
-      }
+      });
       double change = 0.0, norm = 0.0;
       for (int y = 0; y < H; ++y) {
         change += rowChange[y];

@@ -1,26 +1,23 @@
 #include "plane/fftw_plan.h"
 
-#include <omp.h>
-
 #include <string>
 
 #include "marlith/error.hpp"
+#include "plane/worker_pool.h"
 
 namespace marlith {
 
 namespace {
 
-// FFTW's parallel loops run on the OpenMP pool the solver's element-wise passes use. With
-// FFTW's own pthreads the two pools took turns on the same cores: OpenMP's workers spin for a
-// while after each pass, and the transform that followed ran at half speed.
-void OpenMpParallelLoop(void* (*work)(char*), char* jobData, size_t jobSize, int jobs, void*) {
-#pragma omp parallel for schedule(static) num_threads(jobs)
-  for (int i = 0; i < jobs; ++i) work(jobData + jobSize * static_cast<size_t>(i));
+// FFTW's parallel loops run on the worker pool the solver's passes use (with FFTW's own
+// pthreads the two pools took turns on the same cores), whose workers sleep between loops.
+void PoolParallelLoop(void* (*work)(char*), char* jobData, size_t jobSize, int jobs, void*) {
+  RunParallelJobs(jobs, jobs, [&](int i) { work(jobData + jobSize * static_cast<size_t>(i)); });
 }
 
 bool InitialiseFftwThreads() {
   if (fftw_init_threads() == 0) return false;
-  fftw_threads_set_callback(OpenMpParallelLoop, nullptr);
+  fftw_threads_set_callback(PoolParallelLoop, nullptr);
   return true;
 }
 
