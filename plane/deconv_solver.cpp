@@ -196,25 +196,50 @@ std::vector<Complex> ConjugatePhases(int size, int position) {
   return phases;
 }
 
-void FactorConjugateSpectrum(std::span<const double> plane, int W, int H,
+// A filter tap at (x, y) of the working plane.
+struct Tap {
+  int x, y;
+  double value;
+};
+
+// The non-zero taps of a kw x kh filter as PadCenteredUp centres it in a W x H plane and
+// CircularShiftHalf then moves it, in row-major order: (x, y) goes to
+// ((x0 + x + W / 2) mod W, (y0 + y + H / 2) mod H) with x0 = (W - kw + 1) / 2, y0 likewise.
+// The filters and the kernel are placed from these without building the planes.
+std::vector<Tap> CentredShiftedTaps(std::span<const double> filter, int kw, int kh, int W, int H) {
+  const int x0 = static_cast<int>(static_cast<unsigned>(W - kw + 1) / 2u);
+  const int y0 = static_cast<int>(static_cast<unsigned>(H - kh + 1) / 2u);
+  std::vector<Tap> taps;
+  for (int y = 0; y < kh; ++y)
+    for (int x = 0; x < kw; ++x) {
+      const double value = filter[static_cast<size_t>(y) * kw + x];
+      if (value != 0.0) taps.push_back({(x0 + x + W / 2) % W, (y0 + y + H / 2) % H, value});
+    }
+  std::sort(taps.begin(), taps.end(),
+            [](const Tap& a, const Tap& b) { return a.y != b.y ? a.y < b.y : a.x < b.x; });
+  return taps;
+}
+
+void FactorConjugateSpectrum(const std::vector<Tap>& filter, int W, int H,
                              std::vector<Complex>& byColumn, std::vector<Complex>& byRow) {
   const int Wc = W / 2 + 1;
   int row = -1, column = -1;
   bool oneRow = true, oneColumn = true;
-  for (int y = 0; y < H; ++y)
-    for (int x = 0; x < W; ++x) {
-      if (plane[static_cast<size_t>(y) * W + x] == 0.0) continue;
-      oneRow = oneRow && (row < 0 || row == y);
-      oneColumn = oneColumn && (column < 0 || column == x);
-      row = y;
-      column = x;
-    }
+  for (const Tap& tap : filter) {
+    oneRow = oneRow && (row < 0 || row == tap.y);
+    oneColumn = oneColumn && (column < 0 || column == tap.x);
+    row = tap.y;
+    column = tap.x;
+  }
   if (!oneRow && !oneColumn) throw Error("a difference filter has taps off one row and column");
-  auto taps = [&](int size, int count, auto value) {
+  // The filter's values along its row (or column).
+  std::vector<double> line(oneRow ? W : H, 0.0);
+  for (const Tap& tap : filter) line[oneRow ? tap.x : tap.y] = tap.value;
+  auto taps = [&](int size, int count) {
     // conj(sum_t f_t exp(-2 pi i k t / size)) for every k.
     std::vector<Complex> sum(count, Complex(0.0, 0.0));
     for (int t = 0; t < size; ++t) {
-      const double f = value(t);
+      const double f = line[t];
       if (f == 0.0) continue;
       const auto phases = ConjugatePhases(size, t);
       for (int k = 0; k < count; ++k) sum[k] += f * phases[k];
@@ -222,13 +247,12 @@ void FactorConjugateSpectrum(std::span<const double> plane, int W, int H,
     return sum;
   };
   if (oneRow) {
-    const int y0 = std::max(row, 0);
-    byColumn = taps(W, Wc, [&](int x) { return plane[static_cast<size_t>(y0) * W + x]; });
-    byRow = ConjugatePhases(H, y0);
+    byColumn = taps(W, Wc);
+    byRow = ConjugatePhases(H, std::max(row, 0));
   } else {
     byColumn = ConjugatePhases(W, column);
     byColumn.resize(Wc);
-    byRow = taps(H, H, [&](int y) { return plane[static_cast<size_t>(y) * W + column]; });
+    byRow = taps(H, H);
   }
 }
 
@@ -277,14 +301,11 @@ std::vector<double> SpectralDeconvSolver::gradientPower() const {
 }
 
 void SpectralDeconvSolver::PrecomputeGradientSpectra() {
-  auto shifted = [&](std::vector<double> filter) {
-    CircularShiftHalf(filter, filter, width_, height_);
-    return filter;
-  };
-  FactorConjugateSpectrum(shifted(MakeDxFilter(width_, height_)), width_, height_, conjDx_.byColumn,
-                          conjDx_.byRow);
-  FactorConjugateSpectrum(shifted(MakeDyFilter(width_, height_)), width_, height_, conjDy_.byColumn,
-                          conjDy_.byRow);
+  const std::vector<double> difference{1.0, -1.0};
+  FactorConjugateSpectrum(CentredShiftedTaps(difference, 2, 1, width_, height_), width_, height_,
+                          conjDx_.byColumn, conjDx_.byRow);
+  FactorConjugateSpectrum(CentredShiftedTaps(difference, 1, 2, width_, height_), width_, height_,
+                          conjDy_.byColumn, conjDy_.byRow);
   // |Dx|^2 and |Dy|^2 factor as well; the division forms their sum per sample.
   for (FactoredSpectrum* f : {&conjDx_, &conjDy_}) {
     f->powerByColumn.resize(f->byColumn.size());
@@ -300,7 +321,8 @@ void SpectralDeconvSolver::PrecomputeGradientSpectra() {
   conjKernel_ = AllocateFftwBuffer<Complex>(spectrumSize_);
   std::fill_n(numerator_.get(), spectrumSize_, Complex(0.0, 0.0));
   std::fill_n(conjKernel_.get(), spectrumSize_, Complex(0.0, 0.0));
-  kernelPower_.assign(spectrumSize_, 0.0);
+  kernelPower_ = AllocateFftwBuffer<double>(spectrumSize_);
+  std::fill_n(kernelPower_.get(), spectrumSize_, 0.0);
 }
 
 int SpectralDeconvSolver::SetKernel(std::span<const double> kernel, int kernelWidth,
@@ -314,17 +336,15 @@ int SpectralDeconvSolver::SetKernel(std::span<const double> kernel, int kernelWi
                      kernel.begin() + static_cast<size_t>(kernelWidth) * kernelHeight);
   kernelWidth_ = kernelWidth;
   kernelHeight_ = kernelHeight;
-  std::vector<double> centred = (kernelWidth < width_ || kernelHeight < height_)
-                                    ? PadCenteredUp(std::span<const double>(kernelCopy_),
-                                                    kernelWidth, kernelHeight, width_, height_)
-                                    : kernelCopy_;
+  // The kernel centred in the plane and shifted so that its centre is at the origin.
   auto plane = AllocateFftwBuffer<double>(planeSize_);
-  CircularShiftHalf(centred, {plane.get(), planeSize_}, width_, height_);
+  std::fill_n(plane.get(), planeSize_, 0.0);
+  for (const Tap& tap : CentredShiftedTaps(kernelCopy_, kernelWidth, kernelHeight, width_, height_))
+    plane[static_cast<size_t>(tap.y) * width_ + tap.x] = tap.value;
   // K is kept in the numerator's storage until the products below are formed.
   Complex* k = numerator_.get();
   forwardTransform_->Forward(plane.get(), k);
-  std::fill(kernelPower_.begin(), kernelPower_.end(), 0.0);
-  SquaredMagnitudes({k, spectrumSize_}, kernelPower_);
+  SquaredMagnitudes({k, spectrumSize_}, {kernelPower_.get(), spectrumSize_});
   ConjugateSpectrum({k, spectrumSize_}, {conjKernel_.get(), spectrumSize_});
   MultiplySpectra({conjKernel_.get(), spectrumSize_}, {imageSpectrum_.get(), spectrumSize_},
                   {numerator_.get(), spectrumSize_});
@@ -361,9 +381,8 @@ int SpectralDeconvSolver::SetIterationSettings(double weight, uint32_t windowWid
   smoothWindowHeight = windowHeight;
   smoothThreshold = threshold;
   smoothCount = count;
-  // The smooth-region detector that would fill this plane lives outside the solver: a zero
-  // plane switches the local prior off, which is what a freshly obtained block holds.
-  if (smoothMask_.empty()) smoothMask_.assign(planeSize_, 0.0);
+  // The smooth-region detector that would fill the weight plane lives outside the solver: with
+  // none set the plane reads as zero, which switches the local prior off.
   return 0;
 }
 
@@ -384,7 +403,7 @@ int SpectralDeconvSolver::PrepareWeights(uint32_t setting) {
 }
 
 int SpectralDeconvSolver::SolveWithNoise(double noise) {
-  assert(imagePlane_ && weightsPrepared_ && !smoothMask_.empty());
+  assert(imagePlane_ && weightsPrepared_);
   if (noise <= 1e-12) noise = 1e-12;
   const double lambda = 0.05 / noise;
   betaMax = 100.0 * lambda;
@@ -419,11 +438,12 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
   // cheaper row routine gives bit-identical results.
   const bool localPrior = q != 0.0 && std::any_of(smoothMask_.begin(), smoothMask_.end(),
                                                   [](double m) { return m != 0.0; });
+  assert(!localPrior || smoothMask_.size() >= n);
   if (localPrior && refGradX_.empty()) ComputeReferenceGradients();
   const double* mask = smoothMask_.data();
   const double* refX = refGradX_.data();
   const double* refY = refGradY_.data();
-  const double* kernelPower = kernelPower_.data();
+  const double* kernelPower = kernelPower_.get();
   const Complex* numerator = numerator_.get();
   const int Wc = W / 2 + 1;
   // The inverse transform's 1 / (W x H) is folded into the spectral division.
