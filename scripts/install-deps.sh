@@ -5,10 +5,10 @@ set -euo pipefail
 
 packages=(
   build-essential cmake ninja-build pkg-config
-  libfftw3-dev libopenblas-dev libsuitesparse-dev libgraphicsmagick++1-dev
+  libfftw3-dev libopenblas-dev libsuitesparse-dev libgraphicsmagick++1-dev libspng-dev
   libgtest-dev
   clang libclang-rt-14-dev libomp-dev
-  graphicsmagick time gnuplot-nox
+  graphicsmagick time gnuplot-nox linux-perf
 )
 
 missing=()
