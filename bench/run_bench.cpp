@@ -3,12 +3,13 @@
 // transform at that size (FFTW_MEASURE plans, best of 15), the floor (rounds x that pair) and
 // the runs' best and median seconds with their ratios to the floor.
 //
-// Usage: run_bench [--runs N] blurred kernel noise weight ROW...
+// Usage: run_bench [--runs N | --floor-only] blurred kernel noise weight ROW...
 //   ROW command:B[:PATH]  the six-argument command (default build/app/marlith) with boundary B,
 //                         as a child process: wall time, plans and wisdom as a user's run has them
 //   engine:B:exact|fast   load, engine and save in this process with exact or fast margins (the
 //                         first run, untimed, counts the rounds and warms the plans)
-// The output goes to a temporary file that is removed.
+// --floor-only skips the timed runs and prints, per row, one line "floor W H rounds pair floor"
+// (seconds) for scripts. The output goes to a temporary file that is removed.
 #include <omp.h>
 #include <unistd.h>
 
@@ -93,9 +94,14 @@ double Median(std::vector<double> v) {
 
 int main(int argc, char** argv) {
   int runs = 5, arg = 1;
+  bool floorOnly = false;
   if (argc > 2 && std::strcmp(argv[1], "--runs") == 0) {
     runs = std::max(1, std::atoi(argv[2]));
     arg = 3;
+  } else if (argc > 1 && std::strcmp(argv[1], "--floor-only") == 0) {
+    floorOnly = true;
+    runs = 0;
+    arg = 2;
   }
   if (argc - arg < 5) {
     std::fprintf(stderr,
@@ -160,6 +166,13 @@ int main(int argc, char** argv) {
   std::remove(out.c_str());
   rmdir(folder);
 
+  if (floorOnly) {
+    for (const Row& row : rows) {
+      const double pair = pairs[{row.W, row.H}];
+      std::printf("floor %d %d %d %.6f %.6f\n", row.W, row.H, row.rounds, pair, pair * row.rounds);
+    }
+    return 0;
+  }
   std::printf("%s, noise %s, weight %s, %d runs a row, %d threads\n", blurred.c_str(),
               argv[arg + 2], argv[arg + 3], runs, threads);
   std::printf(
