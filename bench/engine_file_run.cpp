@@ -61,8 +61,16 @@ EngineFileRun RunEngineOnFiles(const std::string& blurred, const std::string& ke
   SolverRunOptions options;
   options.margins = margins;
   // The solve reports after every inner round.
-  options.progress = [&run](const char* phase, double) {
+  std::chrono::steady_clock::time_point marginsStart;
+  options.progress = [&](const char* phase, double fraction) {
     if (std::strcmp(phase, "deconvolution") == 0) ++run.innerRounds;
+    if (std::strcmp(phase, "margins") != 0) return;
+    if (fraction == 0.0) {
+      marginsStart = std::chrono::steady_clock::now();
+    } else {
+      run.marginSeconds =
+          std::chrono::duration<double>(std::chrono::steady_clock::now() - marginsStart).count();
+    }
   };
   RunFrequencySolver(request, options);
   WorkingSize(image.width, image.height, kernel.width, kernel.height, boundaryType, margins,

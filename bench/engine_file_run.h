@@ -12,6 +12,7 @@ struct EngineFileRun {
   int workWidth = 0, workHeight = 0;  // the working plane the solves ran at
   int innerRounds = 0;                // inner rounds of all channels
   double seconds = 0.0;               // load + solve + save
+  double marginSeconds = 0.0;         // of which the smooth margins (boundary type 1)
 };
 
 // The command's run of blurred and kernel into out (user's noise and weight, unscaled), with

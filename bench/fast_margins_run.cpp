@@ -18,8 +18,8 @@ int main(int argc, char** argv) {
     const auto run = marlith::bench::RunEngineOnFiles(argv[1], argv[2], argv[3], std::atoi(argv[4]),
                                                       std::atof(argv[5]), std::atof(argv[6]),
                                                       marlith::MarginSize::kFast);
-    std::printf("working plane %d x %d, %d inner rounds\n", run.workWidth, run.workHeight,
-                run.innerRounds);
+    std::printf("working plane %d x %d, %d inner rounds, margins %.3f s\n", run.workWidth,
+                run.workHeight, run.innerRounds, run.marginSeconds);
     std::printf("time cost : %f\n", run.seconds);
   } catch (const std::exception& e) {
     std::printf("marlith-fast-margins: %s\n", e.what());

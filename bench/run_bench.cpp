@@ -81,7 +81,7 @@ bool TimeCommand(const std::string& command, double& wall, double& reported) {
 
 struct Row {
   std::string label;
-  std::vector<double> seconds, reported;
+  std::vector<double> seconds, reported, margins;
   int W = 0, H = 0, rounds = 0;
 };
 
@@ -147,9 +147,10 @@ int main(int argc, char** argv) {
           row.seconds.push_back(wall);
           row.reported.push_back(reported);
         } else {
-          row.seconds.push_back(
-              bench::RunEngineOnFiles(blurred, kernel, out, boundary, noise, weight, margins)
-                  .seconds);
+          const auto run =
+              bench::RunEngineOnFiles(blurred, kernel, out, boundary, noise, weight, margins);
+          row.seconds.push_back(run.seconds);
+          if (boundary != 0) row.margins.push_back(run.marginSeconds);
         }
       }
       const auto size = std::make_pair(row.W, row.H);
@@ -185,6 +186,11 @@ int main(int argc, char** argv) {
     std::printf("| %s | %d x %d | %d | %.2f | %.3f | %.3f | %.3f | %.2f | %.2f | %.2f |\n",
                 row.label.c_str(), row.W, row.H, row.rounds, pair * 1e3, floor, best, median,
                 best / floor, median / floor, median / Median(rows.front().seconds));
+  }
+  for (const Row& row : rows) {
+    if (row.margins.empty()) continue;
+    std::printf("%s: of which the margins took best %.3f s, median %.3f s\n", row.label.c_str(),
+                *std::min_element(row.margins.begin(), row.margins.end()), Median(row.margins));
   }
   for (const Row& row : rows) {
     if (row.reported.empty()) continue;
