@@ -9,6 +9,7 @@
 
 #include "marlith/error.hpp"
 #include "plane/plane_padding.h"
+#include "plane/worker_pool.h"
 
 namespace marlith {
 
@@ -141,15 +142,21 @@ __attribute__((target_clones("avx512f", "avx2", "default"))) void ShrinkRow(
   psiY[W - 1] = ShrinkPlain(below[W - 1] - cur[W - 1], c);
 }
 
-// One row of the spectral division: L^ = (gamma (conj(Dx) Psix^ + conj(Dy) Psiy^) + N) / D
-// with D = gamma |D|^2 + |K|^2, the inverse transform's 1 / (W x H) folded in. conj(Dx) and
-// conj(Dy) are their column factors times this row's factor. L^ is written over Psix^.
+// The adjoint differences of one row of auxiliary gradients: with wrap-around,
+// r(x) = (psiX(x - 1) - psiX(x)) + (psiYAbove(x) - psiY(x)), the real plane whose transform is
+// conj(Dx) Psix^ + conj(Dy) Psiy^ (the backward differences Dx^T Psix + Dy^T Psiy).
+__attribute__((target_clones("avx512f", "avx2", "default"))) void AdjointDifferencesRow(
+    const double* __restrict psiX, const double* __restrict psiY,
+    const double* __restrict psiYAbove, int W, double* __restrict r) {
+  r[0] = (psiX[W - 1] - psiX[0]) + (psiYAbove[0] - psiY[0]);
+  for (int x = 1; x < W; ++x) r[x] = (psiX[x - 1] - psiX[x]) + (psiYAbove[x] - psiY[x]);
+}
+
+// One row of the spectral division: L^ = (gamma R^ + N) / D with R^ the transform of the
+// adjoint differences and D = gamma |D|^2 + |K|^2, the inverse transform's 1 / (W x H) folded
+// in. L^ is written over R^.
 struct SpectralRow {
   int count;
-  const Complex* dxByColumn;
-  const Complex* dyByColumn;
-  Complex dxRow, dyRow;
-  const Complex* psiY;
   const Complex* numerator;
   const double* dxPowerByColumn;  // |Dx|^2 = dxPowerByColumn[u] x dxPowerRow, likewise |Dy|^2
   const double* dyPowerByColumn;
@@ -160,9 +167,7 @@ struct SpectralRow {
 
 // Like the shrink, a division per sample: built for wider vector units too.
 __attribute__((target_clones("avx512f", "avx2", "default"))) void DivideSpectralRow(
-    const SpectralRow r, Complex* __restrict psiX) {
-  const Complex bx = r.dxRow, by = r.dyRow;
-  const Complex* __restrict py = r.psiY;
+    const SpectralRow r, Complex* __restrict spectrum) {
   const Complex* __restrict num = r.numerator;
   const double* __restrict gx = r.dxPowerByColumn;
   const double* __restrict gy = r.dyPowerByColumn;
@@ -170,21 +175,12 @@ __attribute__((target_clones("avx512f", "avx2", "default"))) void DivideSpectral
   const double* __restrict kp = r.kernelPower;
   const double gamma = r.gamma, inverseScale = r.inverseScale;
   for (int u = 0; u < r.count; ++u) {
-    const Complex ax = r.dxByColumn[u], ay = r.dyByColumn[u];
-    const double cxRe = ax.real() * bx.real() - ax.imag() * bx.imag();
-    const double cxIm = ax.real() * bx.imag() + ax.imag() * bx.real();
-    const double cyRe = ay.real() * by.real() - ay.imag() * by.imag();
-    const double cyIm = ay.real() * by.imag() + ay.imag() * by.real();
-    const Complex px = psiX[u], pyu = py[u];
-    const double sumRe =
-        cxRe * px.real() - cxIm * px.imag() + (cyRe * pyu.real() - cyIm * pyu.imag());
-    const double sumIm =
-        cxRe * px.imag() + cxIm * px.real() + (cyRe * pyu.imag() + cyIm * pyu.real());
+    const Complex a = spectrum[u];
     const double gradientPower = gx[u] * gxRow + gy[u] * gyRow;
     const double denominator = gamma * gradientPower + kp[u];
     const double scale = inverseScale / denominator;
-    psiX[u] =
-        Complex((gamma * sumRe + num[u].real()) * scale, (gamma * sumIm + num[u].imag()) * scale);
+    spectrum[u] = Complex((gamma * a.real() + num[u].real()) * scale,
+                          (gamma * a.imag() + num[u].imag()) * scale);
   }
 }
 
@@ -200,25 +196,50 @@ std::vector<Complex> ConjugatePhases(int size, int position) {
   return phases;
 }
 
-void FactorConjugateSpectrum(std::span<const double> plane, int W, int H,
+// A filter tap at (x, y) of the working plane.
+struct Tap {
+  int x, y;
+  double value;
+};
+
+// The non-zero taps of a kw x kh filter as PadCenteredUp centres it in a W x H plane and
+// CircularShiftHalf then moves it, in row-major order: (x, y) goes to
+// ((x0 + x + W / 2) mod W, (y0 + y + H / 2) mod H) with x0 = (W - kw + 1) / 2, y0 likewise.
+// The filters and the kernel are placed from these without building the planes.
+std::vector<Tap> CentredShiftedTaps(std::span<const double> filter, int kw, int kh, int W, int H) {
+  const int x0 = static_cast<int>(static_cast<unsigned>(W - kw + 1) / 2u);
+  const int y0 = static_cast<int>(static_cast<unsigned>(H - kh + 1) / 2u);
+  std::vector<Tap> taps;
+  for (int y = 0; y < kh; ++y)
+    for (int x = 0; x < kw; ++x) {
+      const double value = filter[static_cast<size_t>(y) * kw + x];
+      if (value != 0.0) taps.push_back({(x0 + x + W / 2) % W, (y0 + y + H / 2) % H, value});
+    }
+  std::sort(taps.begin(), taps.end(),
+            [](const Tap& a, const Tap& b) { return a.y != b.y ? a.y < b.y : a.x < b.x; });
+  return taps;
+}
+
+void FactorConjugateSpectrum(const std::vector<Tap>& filter, int W, int H,
                              std::vector<Complex>& byColumn, std::vector<Complex>& byRow) {
   const int Wc = W / 2 + 1;
   int row = -1, column = -1;
   bool oneRow = true, oneColumn = true;
-  for (int y = 0; y < H; ++y)
-    for (int x = 0; x < W; ++x) {
-      if (plane[static_cast<size_t>(y) * W + x] == 0.0) continue;
-      oneRow = oneRow && (row < 0 || row == y);
-      oneColumn = oneColumn && (column < 0 || column == x);
-      row = y;
-      column = x;
-    }
+  for (const Tap& tap : filter) {
+    oneRow = oneRow && (row < 0 || row == tap.y);
+    oneColumn = oneColumn && (column < 0 || column == tap.x);
+    row = tap.y;
+    column = tap.x;
+  }
   if (!oneRow && !oneColumn) throw Error("a difference filter has taps off one row and column");
-  auto taps = [&](int size, int count, auto value) {
+  // The filter's values along its row (or column).
+  std::vector<double> line(oneRow ? W : H, 0.0);
+  for (const Tap& tap : filter) line[oneRow ? tap.x : tap.y] = tap.value;
+  auto taps = [&](int size, int count) {
     // conj(sum_t f_t exp(-2 pi i k t / size)) for every k.
     std::vector<Complex> sum(count, Complex(0.0, 0.0));
     for (int t = 0; t < size; ++t) {
-      const double f = value(t);
+      const double f = line[t];
       if (f == 0.0) continue;
       const auto phases = ConjugatePhases(size, t);
       for (int k = 0; k < count; ++k) sum[k] += f * phases[k];
@@ -226,13 +247,12 @@ void FactorConjugateSpectrum(std::span<const double> plane, int W, int H,
     return sum;
   };
   if (oneRow) {
-    const int y0 = std::max(row, 0);
-    byColumn = taps(W, Wc, [&](int x) { return plane[static_cast<size_t>(y0) * W + x]; });
-    byRow = ConjugatePhases(H, y0);
+    byColumn = taps(W, Wc);
+    byRow = ConjugatePhases(H, std::max(row, 0));
   } else {
     byColumn = ConjugatePhases(W, column);
     byColumn.resize(Wc);
-    byRow = taps(H, H, [&](int y) { return plane[static_cast<size_t>(y) * W + column]; });
+    byRow = taps(H, H);
   }
 }
 
@@ -254,9 +274,8 @@ int SpectralDeconvSolver::Setup(const double* imagePlane, int width, int height,
   inverseTransform_ =
       std::make_unique<SpectralTransform>(width, height, SpectralTransform::kInverse, threads);
   // Working planes of an earlier size are dropped; the first solve obtains new ones.
-  for (auto* plane : {&latentA_, &latentB_, &psiX_, &psiY_}) plane->reset();
-  psiXSpectrum_.reset();
-  psiYSpectrum_.reset();
+  for (auto* plane : {&latentA_, &latentB_, &adjoint_}) plane->reset();
+  spectrum_.reset();
   result_ = nullptr;
   ResetDefaults();
   PrecomputeGradientSpectra();
@@ -282,14 +301,11 @@ std::vector<double> SpectralDeconvSolver::gradientPower() const {
 }
 
 void SpectralDeconvSolver::PrecomputeGradientSpectra() {
-  auto shifted = [&](std::vector<double> filter) {
-    CircularShiftHalf(filter, filter, width_, height_);
-    return filter;
-  };
-  FactorConjugateSpectrum(shifted(MakeDxFilter(width_, height_)), width_, height_, conjDx_.byColumn,
-                          conjDx_.byRow);
-  FactorConjugateSpectrum(shifted(MakeDyFilter(width_, height_)), width_, height_, conjDy_.byColumn,
-                          conjDy_.byRow);
+  const std::vector<double> difference{1.0, -1.0};
+  FactorConjugateSpectrum(CentredShiftedTaps(difference, 2, 1, width_, height_), width_, height_,
+                          conjDx_.byColumn, conjDx_.byRow);
+  FactorConjugateSpectrum(CentredShiftedTaps(difference, 1, 2, width_, height_), width_, height_,
+                          conjDy_.byColumn, conjDy_.byRow);
   // |Dx|^2 and |Dy|^2 factor as well; the division forms their sum per sample.
   for (FactoredSpectrum* f : {&conjDx_, &conjDy_}) {
     f->powerByColumn.resize(f->byColumn.size());
@@ -305,7 +321,8 @@ void SpectralDeconvSolver::PrecomputeGradientSpectra() {
   conjKernel_ = AllocateFftwBuffer<Complex>(spectrumSize_);
   std::fill_n(numerator_.get(), spectrumSize_, Complex(0.0, 0.0));
   std::fill_n(conjKernel_.get(), spectrumSize_, Complex(0.0, 0.0));
-  kernelPower_.assign(spectrumSize_, 0.0);
+  kernelPower_ = AllocateFftwBuffer<double>(spectrumSize_);
+  std::fill_n(kernelPower_.get(), spectrumSize_, 0.0);
 }
 
 int SpectralDeconvSolver::SetKernel(std::span<const double> kernel, int kernelWidth,
@@ -319,17 +336,15 @@ int SpectralDeconvSolver::SetKernel(std::span<const double> kernel, int kernelWi
                      kernel.begin() + static_cast<size_t>(kernelWidth) * kernelHeight);
   kernelWidth_ = kernelWidth;
   kernelHeight_ = kernelHeight;
-  std::vector<double> centred = (kernelWidth < width_ || kernelHeight < height_)
-                                    ? PadCenteredUp(std::span<const double>(kernelCopy_),
-                                                    kernelWidth, kernelHeight, width_, height_)
-                                    : kernelCopy_;
+  // The kernel centred in the plane and shifted so that its centre is at the origin.
   auto plane = AllocateFftwBuffer<double>(planeSize_);
-  CircularShiftHalf(centred, {plane.get(), planeSize_}, width_, height_);
+  std::fill_n(plane.get(), planeSize_, 0.0);
+  for (const Tap& tap : CentredShiftedTaps(kernelCopy_, kernelWidth, kernelHeight, width_, height_))
+    plane[static_cast<size_t>(tap.y) * width_ + tap.x] = tap.value;
   // K is kept in the numerator's storage until the products below are formed.
   Complex* k = numerator_.get();
   forwardTransform_->Forward(plane.get(), k);
-  std::fill(kernelPower_.begin(), kernelPower_.end(), 0.0);
-  SquaredMagnitudes({k, spectrumSize_}, kernelPower_);
+  SquaredMagnitudes({k, spectrumSize_}, {kernelPower_.get(), spectrumSize_});
   ConjugateSpectrum({k, spectrumSize_}, {conjKernel_.get(), spectrumSize_});
   MultiplySpectra({conjKernel_.get(), spectrumSize_}, {imageSpectrum_.get(), spectrumSize_},
                   {numerator_.get(), spectrumSize_});
@@ -366,9 +381,8 @@ int SpectralDeconvSolver::SetIterationSettings(double weight, uint32_t windowWid
   smoothWindowHeight = windowHeight;
   smoothThreshold = threshold;
   smoothCount = count;
-  // The smooth-region detector that would fill this plane lives outside the solver: a zero
-  // plane switches the local prior off, which is what a freshly obtained block holds.
-  if (smoothMask_.empty()) smoothMask_.assign(planeSize_, 0.0);
+  // The smooth-region detector that would fill the weight plane lives outside the solver: with
+  // none set the plane reads as zero, which switches the local prior off.
   return 0;
 }
 
@@ -389,7 +403,7 @@ int SpectralDeconvSolver::PrepareWeights(uint32_t setting) {
 }
 
 int SpectralDeconvSolver::SolveWithNoise(double noise) {
-  assert(imagePlane_ && weightsPrepared_ && !smoothMask_.empty());
+  assert(imagePlane_ && weightsPrepared_);
   if (noise <= 1e-12) noise = 1e-12;
   const double lambda = 0.05 / noise;
   betaMax = 100.0 * lambda;
@@ -399,20 +413,20 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
   const int W = width_, H = height_;
   const size_t n = planeSize_, nc = spectrumSize_;
   // L and the previous L alternate between two buffers, so keeping the previous estimate costs
-  // no copy. Psix's spectrum becomes L's spectrum in place: the division pass writes each
-  // value where it has just read it.
+  // no copy. A round transforms one real plane, the adjoint differences of the auxiliary
+  // gradients, and the division turns its spectrum into L's in place.
   if (!latentA_) {
     latentA_ = AllocateFftwBuffer<double>(n);
     latentB_ = AllocateFftwBuffer<double>(n);
-    psiX_ = AllocateFftwBuffer<double>(n);
-    psiY_ = AllocateFftwBuffer<double>(n);
-    psiXSpectrum_ = AllocateFftwBuffer<Complex>(nc);
-    psiYSpectrum_ = AllocateFftwBuffer<Complex>(nc);
+    adjoint_ = AllocateFftwBuffer<double>(n);
+    spectrum_ = AllocateFftwBuffer<Complex>(nc);
   }
-  double* const psiX = psiX_.get();
-  double* const psiY = psiY_.get();
-  Complex* const psiXSpectrum = psiXSpectrum_.get();
-  Complex* const psiYSpectrum = psiYSpectrum_.get();
+  double* const adjoint = adjoint_.get();
+  Complex* const spectrum = spectrum_.get();
+  // Each pass is split into one block of rows per thread; the shrink's jobs keep three rows
+  // each: Psix and Psiy of the row, and Psiy of the row above.
+  const int jobs = std::min(threads_, H);
+  std::vector<double> rows(static_cast<size_t>(jobs) * 3 * W);
   std::vector<double> rowChange(H), rowNorm(H);
   double* latent = latentA_.get();
   double* previous = latentB_.get();
@@ -424,17 +438,14 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
   // cheaper row routine gives bit-identical results.
   const bool localPrior = q != 0.0 && std::any_of(smoothMask_.begin(), smoothMask_.end(),
                                                   [](double m) { return m != 0.0; });
+  assert(!localPrior || smoothMask_.size() >= n);
   if (localPrior && refGradX_.empty()) ComputeReferenceGradients();
   const double* mask = smoothMask_.data();
   const double* refX = refGradX_.data();
   const double* refY = refGradY_.data();
-  const double* kernelPower = kernelPower_.data();
+  const double* kernelPower = kernelPower_.get();
   const Complex* numerator = numerator_.get();
   const int Wc = W / 2 + 1;
-  const Complex* dxByColumn = conjDx_.byColumn.data();
-  const Complex* dxByRow = conjDx_.byRow.data();
-  const Complex* dyByColumn = conjDy_.byColumn.data();
-  const Complex* dyByRow = conjDy_.byRow.data();
   // The inverse transform's 1 / (W x H) is folded into the spectral division.
   const double inverseScale = 1.0 / static_cast<double>(n);
   const unsigned maxInner = iterationBudget / 2;
@@ -450,56 +461,66 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
     unsigned round = 0;
     double ratio;
     const auto roundsStart = std::chrono::steady_clock::now();
+    // Psix and Psiy of row y from the current estimate's forward differences.
+    auto shrinkRow = [&](int y, double* psiX, double* psiY) {
+      const size_t row = static_cast<size_t>(y) * W;
+      const double* below = latent + static_cast<size_t>(y + 1 == H ? 0 : y + 1) * W;
+      if (localPrior) {
+        ShrinkRowWithLocalPrior(latent + row, below, refX + row, refY + row, mask + row, W, t, s,
+                                shape, psiX, psiY);
+      } else {
+        ShrinkRow(latent + row, below, W, t, shape, psiX, psiY);
+      }
+    };
     do {
-      // Auxiliary gradients from the current estimate's forward differences.
-#pragma omp parallel for schedule(static) num_threads(threads_)
-      for (int y = 0; y < H; ++y) {
-        const size_t row = static_cast<size_t>(y) * W;
-        const double* below = latent + static_cast<size_t>(y + 1 == H ? 0 : y + 1) * W;
-        if (localPrior) {
-          ShrinkRowWithLocalPrior(latent + row, below, refX + row, refY + row, mask + row, W, t, s,
-                                  shape, psiX + row, psiY + row);
-        } else {
-          ShrinkRow(latent + row, below, W, t, shape, psiX + row, psiY + row);
+      // Auxiliary gradients and their adjoint differences in one pass over the estimate: each
+      // job takes a block of rows and first shrinks the row above its block (wrapping), so
+      // every value is formed the same way whatever the thread count.
+      RunParallelJobs(jobs, threads_, [&](int job) {
+        const int first = JobBegin(H, job, jobs), last = JobBegin(H, job + 1, jobs);
+        double* psiX = rows.data() + static_cast<size_t>(job) * 3 * W;
+        double* psiY = psiX + W;
+        double* psiYAbove = psiY + W;
+        if (first < last) shrinkRow(first == 0 ? H - 1 : first - 1, psiX, psiYAbove);
+        for (int y = first; y < last; ++y) {
+          shrinkRow(y, psiX, psiY);
+          AdjointDifferencesRow(psiX, psiY, psiYAbove, W, adjoint + static_cast<size_t>(y) * W);
+          std::swap(psiY, psiYAbove);
         }
-      }
+      });
       std::swap(latent, previous);
-      forwardTransform_->Forward(psiX, psiXSpectrum);
-      forwardTransform_->Forward(psiY, psiYSpectrum);
-      // L^ = (gamma (conj(Dx) Psix^ + conj(Dy) Psiy^) + N) / (gamma |D|^2 + |K|^2), row by row.
-#pragma omp parallel for schedule(static) num_threads(threads_)
-      for (int v = 0; v < H; ++v) {
-        const size_t row = static_cast<size_t>(v) * Wc;
-        const SpectralRow r{.count = Wc,
-                            .dxByColumn = dxByColumn,
-                            .dyByColumn = dyByColumn,
-                            .dxRow = dxByRow[v],
-                            .dyRow = dyByRow[v],
-                            .psiY = psiYSpectrum + row,
-                            .numerator = numerator + row,
-                            .dxPowerByColumn = conjDx_.powerByColumn.data(),
-                            .dyPowerByColumn = conjDy_.powerByColumn.data(),
-                            .dxPowerRow = conjDx_.powerByRow[v],
-                            .dyPowerRow = conjDy_.powerByRow[v],
-                            .kernelPower = kernelPower + row,
-                            .gamma = gamma,
-                            .inverseScale = inverseScale};
-        DivideSpectralRow(r, psiXSpectrum + row);
-      }
-      inverseTransform_->InverseUnscaled(psiXSpectrum, latent);
-      // Sums per row, added in row order: the same result for any number of threads.
-#pragma omp parallel for schedule(static) num_threads(threads_)
-      for (int y = 0; y < H; ++y) {
-        double c = 0.0, m = 0.0;
-        const size_t row = static_cast<size_t>(y) * W;
-        for (int x = 0; x < W; ++x) {
-          const double d = latent[row + x] - previous[row + x];
-          c += d * d;
-          m += latent[row + x] * latent[row + x];
+      forwardTransform_->Forward(adjoint, spectrum);
+      // L^ = (gamma R^ + N) / (gamma |D|^2 + |K|^2), row by row.
+      RunParallelJobs(jobs, threads_, [&](int job) {
+        for (int v = JobBegin(H, job, jobs); v < JobBegin(H, job + 1, jobs); ++v) {
+          const size_t row = static_cast<size_t>(v) * Wc;
+          const SpectralRow r{.count = Wc,
+                              .numerator = numerator + row,
+                              .dxPowerByColumn = conjDx_.powerByColumn.data(),
+                              .dyPowerByColumn = conjDy_.powerByColumn.data(),
+                              .dxPowerRow = conjDx_.powerByRow[v],
+                              .dyPowerRow = conjDy_.powerByRow[v],
+                              .kernelPower = kernelPower + row,
+                              .gamma = gamma,
+                              .inverseScale = inverseScale};
+          DivideSpectralRow(r, spectrum + row);
         }
-        rowChange[y] = c;
-        rowNorm[y] = m;
-      }
+      });
+      inverseTransform_->InverseUnscaled(spectrum, latent);
+      // Sums per row, added in row order: the same result for any number of threads.
+      RunParallelJobs(jobs, threads_, [&](int job) {
+        for (int y = JobBegin(H, job, jobs); y < JobBegin(H, job + 1, jobs); ++y) {
+          double c = 0.0, m = 0.0;
+          const size_t row = static_cast<size_t>(y) * W;
+          for (int x = 0; x < W; ++x) {
+            const double d = latent[row + x] - previous[row + x];
+            c += d * d;
+            m += latent[row + x] * latent[row + x];
+          }
+          rowChange[y] = c;
+          rowNorm[y] = m;
+        }
+      });
       double change = 0.0, norm = 0.0;
       for (int y = 0; y < H; ++y) {
         change += rowChange[y];

@@ -23,8 +23,8 @@ class DeconvSolver {
   virtual void SetImage(const double* plane) = 0;
   // Copies a W x H plane of local-prior weights m and sets the local prior's weight.
   virtual void SetLocalPrior(std::span<const double> mask, double weight) = 0;
-  // Prior weight, smooth-region window, threshold and count. Allocates the local-prior weight
-  // plane (zero-filled) when none is set yet. Returns 0.
+  // Prior weight, smooth-region window, threshold and count. Until SetLocalPrior gives a
+  // local-prior weight plane, the plane reads as zero. Returns 0.
   virtual int SetIterationSettings(double weight, uint32_t windowWidth, uint32_t windowHeight,
                                    double threshold, uint32_t count) = 0;
   // The gradient prior: curvature a, threshold l, slope k; derives the offset b. Returns 0.
@@ -108,12 +108,14 @@ class SpectralDeconvSolver : public DeconvSolver {
   uint32_t options() const { return options_; }
 
   // Read access for tests and the refinement pass.
-  std::span<const double> kernelPower() const { return kernelPower_; }
+  std::span<const double> kernelPower() const {
+    return {kernelPower_.get(), kernelPower_ ? spectrumSize_ : 0};
+  }
   std::vector<double> gradientPower() const;  // |Dx|^2 + |Dy|^2, formed from its factors
   std::span<const Complex> conjKernel() const { return {conjKernel_.get(), spectrumSize_}; }
   std::span<const Complex> numerator() const { return {numerator_.get(), spectrumSize_}; }
   std::span<const Complex> imageSpectrum() const { return {imageSpectrum_.get(), spectrumSize_}; }
-  std::span<const double> smoothMask() const { return smoothMask_; }
+  std::span<const double> smoothMask() const { return smoothMask_; }  // empty: all zero
 
  private:
   void PrecomputeGradientSpectra();
@@ -131,8 +133,8 @@ class SpectralDeconvSolver : public DeconvSolver {
   std::unique_ptr<SpectralTransform> inverseTransform_;
 
   // conj(Dx) and conj(Dy) as byColumn[u] x byRow[v]: the difference filters have their taps
-  // in one row or one column, so their spectra factor, and the inner round reads two short
-  // vectors instead of two complex planes.
+  // in one row or one column, so their spectra factor, and the division reads the factors'
+  // squared magnitudes (short vectors) instead of a plane of |D|^2.
   struct FactoredSpectrum {
     std::vector<Complex> byColumn, byRow;
     std::vector<double> powerByColumn, powerByRow;  // the squared magnitudes of the factors
@@ -142,9 +144,9 @@ class SpectralDeconvSolver : public DeconvSolver {
   bool weightsPrepared_ = false;
   // Working planes of the solve, obtained on the first solve and reused by every later one
   // (each channel, each noise level), so their pages are touched once.
-  FftwBuffer<double> latentA_, latentB_, psiX_, psiY_;
-  FftwBuffer<Complex> psiXSpectrum_, psiYSpectrum_;
-  std::vector<double> kernelPower_;
+  FftwBuffer<double> latentA_, latentB_, adjoint_;
+  FftwBuffer<Complex> spectrum_;
+  FftwBuffer<double> kernelPower_;
   std::vector<double> refGradX_, refGradY_, smoothMask_;
   std::vector<double> kernelCopy_;
   int kernelWidth_ = 0;

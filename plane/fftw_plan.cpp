@@ -1,26 +1,26 @@
 #include "plane/fftw_plan.h"
 
-#include <omp.h>
+#include <sys/mman.h>
 
+#include <cstdlib>
 #include <string>
 
 #include "marlith/error.hpp"
+#include "plane/worker_pool.h"
 
 namespace marlith {
 
 namespace {
 
-// FFTW's parallel loops run on the OpenMP pool the solver's element-wise passes use. With
-// FFTW's own pthreads the two pools took turns on the same cores: OpenMP's workers spin for a
-// while after each pass, and the transform that followed ran at half speed.
-void OpenMpParallelLoop(void* (*work)(char*), char* jobData, size_t jobSize, int jobs, void*) {
-#pragma omp parallel for schedule(static) num_threads(jobs)
-  for (int i = 0; i < jobs; ++i) work(jobData + jobSize * static_cast<size_t>(i));
+// FFTW's parallel loops run on the worker pool the solver's passes use (with FFTW's own
+// pthreads the two pools took turns on the same cores), whose workers sleep between loops.
+void PoolParallelLoop(void* (*work)(char*), char* jobData, size_t jobSize, int jobs, void*) {
+  RunParallelJobs(jobs, jobs, [&](int i) { work(jobData + jobSize * static_cast<size_t>(i)); });
 }
 
 bool InitialiseFftwThreads() {
   if (fftw_init_threads() == 0) return false;
-  fftw_threads_set_callback(OpenMpParallelLoop, nullptr);
+  fftw_threads_set_callback(PoolParallelLoop, nullptr);
   return true;
 }
 
@@ -39,6 +39,17 @@ void FftwPlanDeleter::operator()(fftw_plan_s* plan) const {
   std::lock_guard<std::mutex> lock(FftwPlannerMutex());
   fftw_destroy_plan(plan);
 }
+
+void* AllocatePlaneMemory(size_t bytes) {
+  constexpr size_t kHugePage = size_t{2} << 20;
+  // 64 bytes suit every vector unit FFTW uses.
+  const size_t alignment = bytes >= kHugePage ? kHugePage : 64;
+  void* p = std::aligned_alloc(alignment, (bytes + alignment - 1) / alignment * alignment);
+  if (p && alignment == kHugePage) madvise(p, bytes / kHugePage * kHugePage, MADV_HUGEPAGE);
+  return p;
+}
+
+void FreePlaneMemory(void* p) { std::free(p); }
 
 FftwPlan AdoptFftwPlan(fftw_plan plan, const char* what) {
   if (!plan) throw Error(std::string("FFTW could not plan the ") + what);

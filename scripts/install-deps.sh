@@ -6,11 +6,11 @@ set -euo pipefail
 
 packages=(
   build-essential cmake ninja-build pkg-config
-  libfftw3-dev libopenblas-dev libsuitesparse-dev libgraphicsmagick++1-dev
+  libfftw3-dev libopenblas-dev libsuitesparse-dev libgraphicsmagick++1-dev libspng-dev
   libtiff-dev zlib1g-dev libjpeg-dev
   libgtest-dev libcli11-dev
   clang libclang-rt-14-dev libomp-dev
-  graphicsmagick time gnuplot-nox
+  graphicsmagick time gnuplot-nox linux-perf
 )
 
 # Only with --bench: the photographs bench/noise_bench reads (scikit-image's sample images and

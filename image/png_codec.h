@@ -1,0 +1,25 @@
+// PNG decoding and encoding of 8-bit RGB images with libspng, which reads and writes them
+// faster than GraphicsMagick's PNG coder (measured in bench/png_bench.cpp). The image layer
+// uses it for the common case and keeps GraphicsMagick for every other PNG.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace marlith {
+
+// Decodes bytes when they are a complete PNG of 8-bit RGB samples without a transparency chunk
+// (colour type 2, bit depth 8, no tRNS) of at most maxPixels pixels: width, height and
+// width x height x 3 bytes (red, green, blue; rows top down) as stored. Returns false, leaving
+// the outputs unspecified, for anything else (other colour types and depths, damaged or cut
+// short data), which the caller then hands to its general decoder.
+bool DecodeRgb8Png(const std::string& bytes, int64_t maxPixels, int32_t& width, int32_t& height,
+                   std::vector<uint8_t>& rgb);
+
+// Encodes width x height x 3 bytes (red, green, blue) as an 8-bit RGB PNG into out. Returns
+// false with a reason in error when libspng fails.
+bool EncodeRgb8Png(const uint8_t* rgb, int32_t width, int32_t height, std::string& out,
+                   std::string& error);
+
+}  // namespace marlith
