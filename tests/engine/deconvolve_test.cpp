@@ -124,7 +124,8 @@ TEST(Deconvolve, ReadsAndWritesEverySampleTypeAndLayout) {
         ASSERT_NEAR(u8[(y * W + x) * 3 + c], clipped * 255, 0.5 + 1e-9);
         ASSERT_NEAR(u16[(c * H + y) * W + x], clipped * 65535, 0.5 + 1e-6);
         ASSERT_NEAR(f32[(c * H + y) * W + x], r, 1e-6);  // float input, unclipped output
-        ASSERT_EQ(strided[(c * H + y) * 2 * W + 2 * x], r);
+        // Later runs of a size may use measured transform plans: rounding differs.
+        ASSERT_NEAR(strided[(c * H + y) * 2 * W + 2 * x], r, 1e-12);
         ASSERT_EQ(strided[(c * H + y) * 2 * W + 2 * x + 1], -7.0);  // gaps untouched
       }
 }
