@@ -154,7 +154,9 @@ def deconvolve(array: da.Array, kernel, *, overlap: int | None = None, **options
     for name in ("refine_kernel", "progress"):
         if options.pop(name, False):
             raise ValueError(f"the {name} option applies to whole images, not to dask arrays")
-    marlith._image_array(np.empty((0, 0) + array.shape[2:], dtype=array.dtype))
+    # The whole-image checks (and words) for the dtype and shape, on an empty stand-in.
+    stand_in = (0,) * min(array.ndim, 2) + array.shape[2:]
+    marlith._image_array(np.empty(stand_in, dtype=array.dtype))
     k = marlith._kernel_array(kernel)
     boundary = options.pop("boundary", marlith._DEFAULTS["boundary"])
     if boundary not in ("periodic", "smooth"):

@@ -82,6 +82,8 @@ def test_keeps_dtype_shape_and_alpha_and_refuses_what_whole_images_refuse():
         marlith.dask.deconvolve(array, np.zeros((3, 3)))
     with pytest.raises(TypeError, match="uint8, uint16, float32 or float64, not int64"):
         marlith.dask.deconvolve(da.zeros((64, 64), dtype=np.int64), np.ones((3, 3)))
+    with pytest.raises(TypeError, match="not 1-D"):
+        marlith.dask.deconvolve(da.zeros(64), np.ones((3, 3)))
 
 
 def test_example_restores_a_folder_on_a_local_cluster(tmp_path):
