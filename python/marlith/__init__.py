@@ -121,6 +121,12 @@ class _ProgressBar:
         self._stream.write(f"\r{phase:<17} [{bar}] {percent:3d}%{end}")
         self._stream.flush()
 
+    def close(self) -> None:
+        """Ends the bar's line when the run stopped before it was done."""
+        if self._shown is not None and self._shown[0] != "done":
+            self._stream.write("\n")
+            self._shown = None
+
 
 def deconvolve(
     image: np.ndarray,
@@ -181,7 +187,8 @@ def deconvolve(
     ValueError
         For input or options the library refuses, with its one-line reason.
     KeyboardInterrupt
-        When interrupted (Ctrl+C): the run stops within about 10 ms.
+        When interrupted (Ctrl+C): the run stops at the library's next progress report (the
+        engine reports between solver rounds, not while it fits the margins or sets up).
 
     Examples
     --------
@@ -217,7 +224,11 @@ def deconvolve(
     out = np.empty_like(a)
     alpha = a.ndim == 3 and a.shape[2] == 4
     colour_in, colour_out = (a[..., :3], out[..., :3]) if alpha else (a, out)
-    _core.deconvolve(colour_in, k, colour_out, progress=callback, **options)
+    try:
+        _core.deconvolve(colour_in, k, colour_out, progress=callback, **options)
+    finally:
+        if isinstance(callback, _ProgressBar):
+            callback.close()
     if alpha:
         out[..., 3] = a[..., 3]
     return out if out.dtype == original.dtype else out.astype(original.dtype)
