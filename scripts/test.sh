@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and runs every test: the suite, the suite again under
-# AddressSanitizer, UndefinedBehaviorSanitizer and LeakSanitizer (clang), and the fuzz targets
-# for 20 seconds each.
+# Installs what is missing, builds, and runs every test: the suite, the Python package's tests
+# (pytest, Debian's python3), the suite again under AddressSanitizer, UndefinedBehaviorSanitizer
+# and LeakSanitizer (clang), and the fuzz targets for 20 seconds each.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
@@ -12,6 +12,16 @@ trap 'rm -rf "$MARLITH_FFTW_WISDOM"' EXIT
 
 scripts/build.sh
 ctest --test-dir build --output-on-failure -j "$(nproc)"
+
+echo "== the Python package, with Debian's python3"
+status=0
+PYTHONPATH=build/python /usr/bin/python3 -m pytest tests/python -q \
+  --marlith-exe build/app/marlith || status=$?
+if [ "$status" -eq 5 ]; then
+  echo "pytest collected no tests in tests/python" >&2
+  exit 1
+fi
+[ "$status" -eq 0 ] || exit "$status"
 
 echo "== the suite under AddressSanitizer, UndefinedBehaviorSanitizer and LeakSanitizer"
 CC=clang CXX=clang++ MARLITH_BUILD_DIR=build-sanitize scripts/build.sh -DMARLITH_SANITIZE=ON

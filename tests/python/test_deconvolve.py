@@ -1,0 +1,170 @@
+"""marlith.deconvolve and marlith.estimate_noise: dtypes, shapes and layouts, the command
+line's results, refused arguments, threads in parallel."""
+
+import doctest
+import subprocess
+import threading
+import time
+
+import numpy as np
+import pytest
+from conftest import ROOT, blurred_texture, read_image
+
+import marlith
+
+KERNEL = np.outer([1, 2, 3, 2, 1], [1, 1, 2, 1, 1]).astype(float)
+H, W = 40, 56
+
+
+def colour(channels: int = 3) -> np.ndarray:
+    return np.clip(blurred_texture(H, W, KERNEL, channels), 0, 1)
+
+
+def reference(image: np.ndarray, **options) -> np.ndarray:
+    """The float64 result, computed on a C-ordered float64 copy of the image on [0, 1]."""
+    scale = {np.uint8: 1 / 255, np.uint16: 1 / 65535}.get(image.dtype.type, 1.0)
+    return marlith.deconvolve(np.ascontiguousarray(image, np.float64) * scale, KERNEL, **options)
+
+
+@pytest.mark.parametrize("dtype", [np.uint8, np.uint16, np.float32, np.float64])
+@pytest.mark.parametrize("channels", [0, 1, 3, 4])
+def test_keeps_shape_and_dtype_and_scales_samples_by_their_range(dtype, channels):
+    image = colour(channels or 1) if channels else colour(1)[..., 0]
+    if np.issubdtype(dtype, np.integer):
+        image = np.round(image * np.iinfo(dtype).max).astype(dtype)
+    else:
+        image = image.astype(dtype)
+    out = marlith.deconvolve(image, KERNEL, noise=0.05)
+    assert out.shape == image.shape and out.dtype == image.dtype
+    colour_part = image[..., :3] if channels == 4 else image
+    expected = reference(colour_part, noise=0.05)
+    if np.issubdtype(dtype, np.integer):
+        top = np.iinfo(dtype).max
+        expected = np.rint(np.clip(expected, 0, 1) * top).astype(dtype)
+    else:
+        expected = expected.astype(dtype)  # computed in double, stored as given
+    np.testing.assert_array_equal(out[..., :3] if channels == 4 else out, expected)
+    if channels == 4:
+        np.testing.assert_array_equal(out[..., 3], image[..., 3])
+
+
+def test_restores_each_channel_on_its_own():
+    image = colour(3)
+    out = marlith.deconvolve(image, KERNEL, noise=0.05)
+    for c in range(3):
+        np.testing.assert_array_equal(out[..., c], reference(image[..., c], noise=0.05))
+
+
+@pytest.mark.parametrize(
+    "layout",
+    [
+        lambda a: np.asfortranarray(a),
+        lambda a: a[::-1, :, :],  # negative row stride
+        lambda a: np.pad(a, ((3, 5), (2, 4), (0, 0)))[3:-5, 2:-4],  # rows of padded arrays
+        lambda a: np.repeat(np.repeat(a, 2, 0), 2, 1)[::2, ::2],  # every other sample
+        lambda a: np.moveaxis(np.ascontiguousarray(np.moveaxis(a, 2, 0)), 0, 2),  # planar
+        lambda a: a[:, :, ::-1],  # channels reversed
+    ],
+    ids=["fortran", "flipped", "cropped", "strided", "planar", "bgr"],
+)
+def test_reads_any_layout(layout):
+    image = (colour(3) * 255).astype(np.uint8)
+    view = layout(image)
+    out = marlith.deconvolve(view, KERNEL, noise=0.05)
+    assert out.shape == view.shape
+    np.testing.assert_array_equal(out, marlith.deconvolve(view.copy(order="C"), KERNEL, noise=0.05))
+
+
+@pytest.mark.parametrize("boundary_type, boundary", [(1, "smooth"), (0, "periodic")])
+def test_float_result_truncated_is_the_command_lines_output(tmp_path, marlith_exe,
+                                                            boundary_type, boundary):
+    blurred = ROOT / "examples" / "earth_blurred.png"
+    kernel_png = ROOT / "examples" / "motion_kernel.png"
+    out_png = tmp_path / "out.png"
+    run = subprocess.run([str(marlith_exe), str(blurred), str(kernel_png), str(out_png),
+                          str(boundary_type), "0.1", "1"], capture_output=True, text=True)
+    assert run.returncode == 0, run.stdout + run.stderr
+    image = read_image(blurred) / 255.0
+    kernel = read_image(kernel_png)[..., 0]  # red levels, on any scale
+    restored = marlith.deconvolve(image, kernel, noise=0.1, boundary=boundary, margins="exact",
+                                  kernel_origin="support")
+    saved = np.floor(np.clip(restored, 0, 1) * 255).astype(np.uint8)
+    np.testing.assert_array_equal(saved, read_image(out_png))
+
+
+def test_estimate_noise_finds_white_noise_added_to_a_blurred_image():
+    rng = np.random.default_rng(5)
+    base = np.clip(blurred_texture(128, 128, KERNEL, noise=0), 0, 1)
+    for sigma in (0.005, 0.02):
+        level, strength = marlith.estimate_noise(base + sigma * rng.standard_normal(base.shape))
+        assert level == pytest.approx(sigma, rel=0.15)
+        assert strength > 0
+    lo, hi = (marlith.estimate_noise(base + s * rng.standard_normal(base.shape)).strength
+              for s in (0.005, 0.02))
+    assert hi > lo
+    rgba = np.dstack([colour(3), np.zeros((H, W))])
+    assert marlith.estimate_noise(rgba) == marlith.estimate_noise(rgba[..., :3])
+
+
+GREY = np.full((32, 32), 0.5)
+BAD = [
+    (dict(image=GREY.astype(np.int32)), TypeError, "uint8, uint16, float32 or float64, not int32"),
+    (dict(image=np.zeros(32)), TypeError, "2-D .* or 3-D .* not 1-D"),
+    (dict(image=np.zeros((32, 32, 2))), ValueError, "has 2 channels"),
+    (dict(image=np.zeros((0, 32))), ValueError, "the image must be at least 1 x 1 x 1"),
+    (dict(image=np.where(np.eye(32) > 0, np.nan, 0.5)), ValueError, "not a finite number"),
+    (dict(kernel=np.ones((3, 3), complex)), TypeError, "real numbers, not complex128"),
+    (dict(kernel=np.ones(3)), TypeError, "2-D array"),
+    (dict(kernel=-np.ones((3, 3))), ValueError, "the kernel holds a negative value"),
+    (dict(kernel=np.zeros((3, 3))), ValueError, "the kernel sums to 0"),
+    (dict(kernel=np.ones((40, 40))), ValueError, r"the kernel \(.*\) is larger than the image"),
+    (dict(noise=-1), ValueError, "the noise strength must be a finite number of at least 0"),
+    (dict(noise=float("inf")), ValueError, "the noise strength must be a finite number"),
+    (dict(noise="loud"), ValueError, "'auto' or a number, not 'loud'"),
+    (dict(noise=[0.1]), TypeError, "'auto' or a number, not list"),
+    (dict(boundary="wavy"), ValueError, "the boundary option has no value 'wavy'"),
+    (dict(margins="wide"), ValueError, "the margins option has no value 'wide'"),
+    (dict(kernel_origin="top"), ValueError, "the kernel_origin option has no value 'top'"),
+    (dict(threads=-1), ValueError, r"the thread count must be 0 \(every core\) or more, not -1"),
+    (dict(threads=1.5), TypeError, "None .* or an integer, not float"),
+    (dict(progress="yes"), TypeError, "progress is True, False or a callable"),
+]
+
+
+@pytest.mark.parametrize("change, error, words", BAD, ids=[b[2][:30] for b in BAD])
+def test_refuses_bad_arguments_in_the_librarys_words(change, error, words):
+    args = dict(image=GREY, kernel=np.ones((3, 3)))
+    args.update(change)
+    options = {k: v for k, v in args.items() if k not in ("image", "kernel")}
+    with pytest.raises(error, match=words):
+        marlith.deconvolve(args["image"], args["kernel"], **options)
+
+
+def test_threads_run_in_parallel_with_the_serial_results():
+    images = [np.clip(blurred_texture(192, 192, KERNEL, seed=s), 0, 1) for s in (1, 2)]
+    options = dict(noise=0.01, boundary="periodic", threads=1)
+    serial = [marlith.deconvolve(im, KERNEL, **options) for im in images]
+    spans, results = {}, {}
+
+    def work(i):
+        stamps = []
+        results[i] = marlith.deconvolve(images[i], KERNEL, **options,
+                                        progress=lambda *_: stamps.append(time.perf_counter()))
+        spans[i] = (stamps[0], stamps[-1])  # the engine's first and last callback
+
+    threads = [threading.Thread(target=work, args=(i,)) for i in (0, 1)]
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join()
+    for i in (0, 1):
+        np.testing.assert_array_equal(results[i], serial[i])
+    # The runs overlap in time: each started before the other finished.
+    assert max(s[0] for s in spans.values()) < min(s[1] for s in spans.values())
+
+
+def test_version_and_docstring_examples():
+    assert marlith.__version__.count(".") == 2
+    cmake = (ROOT / "CMakeLists.txt").read_text()
+    assert f"VERSION {marlith.__version__} " in cmake
+    assert doctest.testmod(marlith).failed == 0
