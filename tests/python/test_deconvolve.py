@@ -141,7 +141,7 @@ def test_refuses_bad_arguments_in_the_librarys_words(change, error, words):
 
 
 def test_threads_run_in_parallel_with_the_serial_results():
-    images = [np.clip(blurred_texture(192, 192, KERNEL, seed=s), 0, 1) for s in (1, 2)]
+    images = [np.clip(blurred_texture(384, 384, KERNEL, seed=s), 0, 1) for s in (1, 2)]
     options = dict(noise=0.01, boundary="periodic", threads=1)
     serial = [marlith.deconvolve(im, KERNEL, **options) for im in images]
     spans, results = {}, {}
@@ -157,8 +157,8 @@ def test_threads_run_in_parallel_with_the_serial_results():
         t.start()
     for t in threads:
         t.join()
-    for i in (0, 1):
-        np.testing.assert_array_equal(results[i], serial[i])
+    for i in (0, 1):  # later runs of a size may use measured plans: rounding differs
+        np.testing.assert_allclose(results[i], serial[i], rtol=0, atol=1e-12)
     # The runs overlap in time: each started before the other finished.
     assert max(s[0] for s in spans.values()) < min(s[1] for s in spans.values())
 
