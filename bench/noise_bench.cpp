@@ -36,6 +36,9 @@
 
 namespace {
 
+using Kernel = marlith::synthesis::TextKernel;
+using marlith::synthesis::ReadKernelText;
+
 using marlith::synthesis::BlurBorder;
 
 constexpr double kLevels[] = {0.005, 0.01, 0.02, 0.03, 0.05};
@@ -44,32 +47,6 @@ constexpr double kGridStep = 0.25;       // log2 of the ratio between neighbouri
 constexpr double kReadmeStrength = 0.1;  // the README's advice for 0.5 to 1 % noise
 
 double GridStrength(int k) { return std::exp2(kGridStep * k); }
-
-struct Kernel {
-  std::vector<double> values;
-  int size = 0;
-};
-
-Kernel ReadKernelText(const std::string& path) {
-  std::ifstream in(path);
-  if (!in) throw std::runtime_error("cannot read " + path);
-  Kernel k;
-  std::string line;
-  while (std::getline(in, line)) {
-    std::istringstream row(line);
-    double v;
-    int count = 0;
-    while (row >> v) {
-      k.values.push_back(v);
-      ++count;
-    }
-    if (count) k.size = count;
-  }
-  double sum = 0.0;
-  for (double v : k.values) sum += v;
-  for (double& v : k.values) v /= sum;
-  return k;
-}
 
 // One sharp image, its kernel and its noise-free blur.
 struct Case {
@@ -92,7 +69,7 @@ std::vector<double> Noisy(const Case& c, double level) {
 
 // PSNR over the interior (margin cut off) of all channels, at the best shift within 2 samples.
 double ShiftedPsnr(const std::vector<double>& restored, const Case& c) {
-  const int m = c.kernel.size;
+  const int m = c.kernel.width;
   const size_t planeSize = static_cast<size_t>(c.w) * c.h;
   double best = 1e300;
   for (int dy = -2; dy <= 2; ++dy)
@@ -114,8 +91,8 @@ double ShiftedPsnr(const std::vector<double>& restored, const Case& c) {
 double Restore(const Case& c, const std::vector<double>& blurred, double strength) {
   std::vector<double> out(blurred.size());
   const DeconvRequest request{
-      blurred.data(), out.data(),    c.kernel.values.data(), c.w,        c.h,       c.channels,
-      c.kernel.size,  c.kernel.size, strength / 2000.0,      1.0 * 20.0, c.boundary};
+      blurred.data(), out.data(),      c.kernel.values.data(), c.w,        c.h,       c.channels,
+      c.kernel.width, c.kernel.height, strength / 2000.0,      1.0 * 20.0, c.boundary};
   marlith::RunDeconvEngine(request, marlith::kFrequencySolverVariant);
   return ShiftedPsnr(out, c);
 }
@@ -196,7 +173,7 @@ std::vector<Case> LevinCases(const std::string& folder, std::initializer_list<in
       c.boundary = 0;
       c.seed = 100 * i + k;
       c.clean = marlith::synthesis::Blur(c.sharp, c.w, c.h, c.channels, c.kernel.values,
-                                         c.kernel.size, c.kernel.size, BlurBorder::kCircular);
+                                         c.kernel.width, c.kernel.height, BlurBorder::kCircular);
       cases.push_back(std::move(c));
     }
   }
@@ -236,7 +213,7 @@ std::vector<Case> PhotoCases(const std::string& levin, const std::vector<Photo>&
       c.boundary = 1;
       c.seed = 7919 * (cases.size() + 1) + k;
       c.clean = marlith::synthesis::Blur(c.sharp, c.w, c.h, c.channels, c.kernel.values,
-                                         c.kernel.size, c.kernel.size, BlurBorder::kReplicated);
+                                         c.kernel.width, c.kernel.height, BlurBorder::kReplicated);
       cases.push_back(std::move(c));
     }
   }

@@ -28,27 +28,10 @@
 
 namespace {
 
+using Kernel = marlith::synthesis::TextKernel;
+using marlith::synthesis::ReadKernelText;
+
 namespace syn = marlith::synthesis;
-
-struct Kernel {
-  std::vector<double> values;
-  int width = 0, height = 0;
-};
-
-Kernel ReadKernelText(const std::string& path) {
-  std::ifstream in(path);
-  if (!in) throw std::runtime_error("cannot read " + path);
-  Kernel k;
-  std::string line;
-  while (std::getline(in, line)) {
-    std::istringstream row(line);
-    double v;
-    int count = 0;
-    while (row >> v) k.values.push_back(v), ++count;
-    if (count) k.width = count, ++k.height;
-  }
-  return k;
-}
 
 // The kernel resampled (bilinearly) under a rotation by degrees and a stretch along the
 // rotated x axis, about its centre sample, into a box large enough to hold it, normalised.
@@ -146,7 +129,8 @@ void Margins(const std::string& folder, const std::vector<std::string>& photogra
   std::vector<std::pair<std::string, std::vector<syn::ImagePlanes>>> sets{
       {"Levin (4 x 8)", LevinImages(folder)}, {"photographs", {}}};
   for (const auto& p : photographs) sets[1].second.push_back(syn::ReadImagePlanes(p));
-  std::printf("| set | runs | mean PSNR exact | mean PSNR fast | difference | time exact | time fast |\n");
+  std::printf(
+      "| set | runs | mean PSNR exact | mean PSNR fast | difference | time exact | time fast |\n");
   std::printf("|---|---|---|---|---|---|---|\n");
   for (const auto& [name, images] : sets) {
     if (images.empty()) continue;
@@ -179,15 +163,17 @@ void Refine(const std::string& folder) {
   };
   std::printf("| kernel given | mean PSNR without refinement | with refinement | gain |\n");
   std::printf("|---|---|---|---|\n");
-  for (const Perturbation& p : {Perturbation{"true", 0.0, 1.0}, Perturbation{"rotated 4 deg", 4.0, 1.0},
-                                Perturbation{"stretched 10 %", 0.0, 1.1}}) {
+  for (const Perturbation& p :
+       {Perturbation{"true", 0.0, 1.0}, Perturbation{"rotated 4 deg", 4.0, 1.0},
+        Perturbation{"stretched 10 %", 0.0, 1.1}}) {
     double without = 0, with = 0;
     int runs = 0;
     uint32_t seed = 100;
     for (const auto& image : images)
       for (const auto& k : kernels) {
         const auto observed = Observed(image, k, syn::BlurBorder::kCircular, seed++);
-        const Kernel given = p.degrees == 0.0 && p.stretch == 1.0 ? k : Perturbed(k, p.degrees, p.stretch);
+        const Kernel given =
+            p.degrees == 0.0 && p.stretch == 1.0 ? k : Perturbed(k, p.degrees, p.stretch);
         marlith::DeconvolveOptions options;
         options.noise = 0.1;
         options.boundary = marlith::Boundary::kPeriodic;

@@ -22,33 +22,10 @@
 
 namespace {
 
+using Kernel = marlith::synthesis::TextKernel;
+using marlith::synthesis::ReadKernelText;
+
 using marlith::synthesis::BlurBorder;
-
-struct Kernel {
-  std::vector<double> values;
-  int size = 0;
-};
-
-Kernel ReadKernelText(const std::string& path) {
-  std::ifstream in(path);
-  if (!in) throw std::runtime_error("cannot read " + path);
-  Kernel k;
-  std::string line;
-  while (std::getline(in, line)) {
-    std::istringstream row(line);
-    double v;
-    int count = 0;
-    while (row >> v) {
-      k.values.push_back(v);
-      ++count;
-    }
-    if (count) k.size = count;
-  }
-  double sum = 0.0;
-  for (double v : k.values) sum += v;
-  for (double& v : k.values) v /= sum;
-  return k;
-}
 
 // The shifted restored plane (by dx, dy, edges clamped) against the sharp one over the interior.
 std::vector<double> Shifted(const std::vector<double>& p, int w, int h, int dx, int dy) {
@@ -95,8 +72,8 @@ std::vector<Case> MakeCases(const std::string& folder, BlurBorder border) {
       const auto image =
           marlith::synthesis::ReadImagePlanes(folder + "/im" + std::to_string(i) + ".png");
       Case c{image.planes, {}, image.width, image.height, k, kernel};
-      c.blurred = marlith::synthesis::Blur(c.sharp, c.w, c.h, 1, kernel.values, kernel.size,
-                                           kernel.size, border);
+      c.blurred = marlith::synthesis::Blur(c.sharp, c.w, c.h, 1, kernel.values, kernel.width,
+                                           kernel.height, border);
       marlith::synthesis::AddGaussianNoise(c.blurred, 0.01, 1000u * k + i);
       cases.push_back(std::move(c));
     }
@@ -116,12 +93,12 @@ Table Run(const std::vector<Case>& cases, int boundary, double noise, double wei
   for (const Case& c : cases) {
     std::vector<double> out(c.sharp.size());
     const DeconvRequest request{
-        c.blurred.data(), out.data(),    c.kernel.values.data(), c.w,           c.h,     1,
-        c.kernel.size,    c.kernel.size, noise / 2000.0,         weight * 20.0, boundary};
+        c.blurred.data(), out.data(),      c.kernel.values.data(), c.w,           c.h,     1,
+        c.kernel.width,   c.kernel.height, noise / 2000.0,         weight * 20.0, boundary};
     marlith::RunDeconvEngine(request, marlith::kFrequencySolverVariant);
-    const Score s = Measure(out, c.sharp, c.w, c.h, c.kernel.size);
-    const Score b{marlith::synthesis::Psnr(c.blurred, c.sharp, c.w, c.h, 1, c.kernel.size),
-                  marlith::synthesis::Ssim(c.blurred, c.sharp, c.w, c.h, 1, c.kernel.size)};
+    const Score s = Measure(out, c.sharp, c.w, c.h, c.kernel.width);
+    const Score b{marlith::synthesis::Psnr(c.blurred, c.sharp, c.w, c.h, 1, c.kernel.width),
+                  marlith::synthesis::Ssim(c.blurred, c.sharp, c.w, c.h, 1, c.kernel.width)};
     for (Score* acc : {&t.perKernel[c.kernelIndex], &t.mean}) {
       acc->psnr += s.psnr;
       acc->ssim += s.ssim;

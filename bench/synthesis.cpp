@@ -2,7 +2,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <fstream>
 #include <random>
+#include <sstream>
+#include <stdexcept>
 
 namespace marlith::synthesis {
 
@@ -194,6 +197,25 @@ void WriteImagePlanes(const std::string& path, const ImagePlanes& in) {
   } catch (const Magick::Exception& e) {
     throw std::runtime_error("cannot write " + path + ": " + e.what());
   }
+}
+
+TextKernel ReadKernelText(const std::string& path) {
+  std::ifstream in(path);
+  if (!in) throw std::runtime_error("cannot read " + path);
+  TextKernel k;
+  std::string line;
+  while (std::getline(in, line)) {
+    std::istringstream row(line);
+    double v;
+    int count = 0;
+    while (row >> v) k.values.push_back(v), ++count;
+    if (count) k.width = count, ++k.height;
+  }
+  double sum = 0.0;
+  for (double v : k.values) sum += v;
+  if (k.values.empty() || !(sum > 0.0)) throw std::runtime_error("no kernel in " + path);
+  for (double& v : k.values) v /= sum;
+  return k;
 }
 
 }  // namespace marlith::synthesis

@@ -41,6 +41,15 @@ namespace marlith::synthesis {
 
 using marlith::ImagePlanes;
 
+// A blur kernel read from a text matrix (rows of numbers separated by white space), normalised
+// to unit sum. Throws std::runtime_error when the file cannot be read or holds no numbers.
+struct TextKernel {
+  std::vector<double> values;
+  int width = 0;
+  int height = 0;
+};
+TextKernel ReadKernelText(const std::string& path);
+
 // Reads an image file with GraphicsMagick, independently of marlith's own image layer:
 // grey images give one plane, colour images three. Throws std::runtime_error on failure.
 ImagePlanes ReadImagePlanes(const std::string& path);

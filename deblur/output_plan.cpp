@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <map>
 
+#include "deblur/image_restore.h"
 #include "image/image_io.h"
 #include "marlith/error.hpp"
 
@@ -37,18 +38,6 @@ bool SameFile(const std::string& a, const std::string& b) {
   std::error_code ec;
   if (fs::exists(a, ec) && fs::exists(b, ec)) return fs::equivalent(a, b, ec) && !ec;
   return Canonical(a) == Canonical(b);
-}
-
-const char* DepthWords(SampleDepth depth) {
-  switch (depth) {
-    case SampleDepth::k8:
-      return "8-bit";
-    case SampleDepth::k16:
-      return "16-bit";
-    case SampleDepth::kFloat:
-      return "floating-point";
-  }
-  return "?";
 }
 
 }  // namespace
@@ -109,7 +98,7 @@ std::vector<PlannedImage> PlanOutputs(const DeblurSettings& s) {
                                                             : SampleDepth::kFloat;
     if (!ImageFileTypeHolds(type, depth))
       throw UsageProblem(std::string("--depth: ") + ImageFileTypeName(type) + " files such as " +
-                         p.output + " cannot hold " + DepthWords(depth) + " samples");
+                         p.output + " cannot hold " + SampleDepthWords(depth) + " samples");
   }
   return plan;
 }
