@@ -49,11 +49,12 @@ cpack --config "$build/CPackConfig.cmake" -G DEB -B "$tmp/deb" > "$tmp/cpack.log
 deb=$(find "$tmp/deb" -maxdepth 1 -name '*.deb')
 depends=$(dpkg-deb -f "$deb" Depends)
 echo "Depends: $depends"
-for p in libc6 libstdc++6 libgomp1 libfftw3-double3 libopenblas0 libumfpack5 libgraphicsmagick++-q16-12; do
+for p in libc6 libstdc++6 libgomp1 libfftw3-double3 libopenblas0 libumfpack5 \
+  libgraphicsmagick++-q16-12; do
   [[ "$depends" == *"$p"* ]] || fail "Depends lacks $p"
 done
 contents=$(dpkg-deb -c "$deb")
-for f in ./usr/bin/marlith ./usr/include/marlith/marlith.h ./usr/lib/cmake/marlith/marlithConfig.cmake \
-  ./usr/lib/pkgconfig/marlith.pc "./usr/lib/$soname"; do
+for f in ./usr/bin/marlith ./usr/include/marlith/marlith.h \
+  ./usr/lib/cmake/marlith/marlithConfig.cmake ./usr/lib/pkgconfig/marlith.pc "./usr/lib/$soname"; do
   grep -qF "$f" <<< "$contents" || fail "the package lacks $f"
 done
