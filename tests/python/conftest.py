@@ -12,6 +12,8 @@ import pytest
 # make a run on a busy machine ten times slower. Results do not depend on this. Set before
 # marlith's module (and its OpenMP runtime) is loaded; the command line inherits it.
 os.environ.setdefault("OMP_WAIT_POLICY", "passive")
+# Transform plans learnt by the tests stay in memory, out of the user's cache folder.
+os.environ.setdefault("MARLITH_FFTW_WISDOM", "off")
 
 ROOT = Path(__file__).resolve().parents[2]
 
