@@ -239,6 +239,7 @@ TEST(DeblurCommand, AnswersHelpAndVersionAndRefusesBeforeTheRun) {
       {{"-k", f.kernel, "-o", f.dir / "o.xyz", in}, 1, "o.xyz"},
       {{"-k", f.kernel, "-o", out, f.dir / "none.png"}, 1, "none.png"},
       {{"-k", f.dir / "none.png", "-o", out, in}, 1, "none.png"},
+      {{"-k", in, "-o", out, f.kernel}, 1, "swapped"},
   };
   const std::string before = ReadFileBytes(in), kernelBefore = ReadFileBytes(f.kernel);
   for (const Row& row : rows) {
@@ -322,17 +323,6 @@ TEST(DeblurCommand, RestoresEveryKindOfImageFile) {
     ++im.channels;
     return im;
   };
-  // Stored turned a quarter left, as a camera held upright stores it with EXIF orientation 6.
-  ImagePlanes turned{{}, colour.height, colour.width, 3};
-  for (int c = 0; c < 3; ++c)
-    for (int y = 0; y < turned.height; ++y)
-      for (int x = 0; x < turned.width; ++x)
-        turned.planes.push_back(
-            blurredColour.planes[(c * colour.height + x) * colour.width + colour.width - 1 - y]);
-  std::vector<double> cmyk;  // K = 0, C = 1 - R and so on: (1 - C)(1 - K) gives R back
-  for (size_t i = 0; i < n; ++i)
-    for (int c = 0; c < 4; ++c)
-      cmyk.push_back(c == 3 ? 0.0 : 1.0 - blurredColour.planes[c * n + i]);
   struct Row {
     std::string in;
     std::function<void(const std::string&)> write;
@@ -344,29 +334,6 @@ TEST(DeblurCommand, RestoresEveryKindOfImageFile) {
       {"grey.pgm", [&](auto p) { WriteMagick(p, blurredGrey, 8); }, -1},
       {"rgba.png", [&](auto p) { WriteMagick(p, withAlpha(blurredColour), 8); }, 6},
       {"greyalpha.png", [&](auto p) { WriteMagick(p, withAlpha(blurredGrey), 8); }, 4},
-      {"palette.png",
-       [&](auto p) {
-         WriteMagick(p, blurredColour, 8, [](Magick::Image& i) {
-           i.quantizeColors(256);
-           i.quantizeDither(false);
-           i.quantize();
-           i.magick("PNG8");
-         });
-       },
-       2},
-      {"cmyk.jpg",
-       [&](auto p) {
-         Magick::Image image(colour.width, colour.height, "CMYK", Magick::DoublePixel, cmyk.data());
-         image.quality(97);
-         image.write(p);
-       },
-       2},
-      {"turned.jpg",
-       [&](auto p) {
-         WriteMagick(p, turned, 8);
-         WriteFileBytes(p, WithSegment(ReadFileBytes(p), 1, std::string("Exif\0\0", 6) + Exif(6)));
-       },
-       2},
   };
   for (const Row& row : rows) {
     row.write(f.dir / row.in);
@@ -378,14 +345,12 @@ TEST(DeblurCommand, RestoresEveryKindOfImageFile) {
     else
       EXPECT_EQ(ReadFileBytes(out).substr(0, 2), "P5") << row.in;
     const ImagePlanes restored = ReadRgba(out);
-    ASSERT_EQ(restored.width, colour.width) << row.in;  // upright
+    ASSERT_EQ(restored.width, colour.width) << row.in;
     const bool isGrey = row.colourType == 0 || row.colourType == 4 || row.colourType < 0;
     const double gain = Gain(isGrey ? grey : colour, isGrey ? blurredGrey : blurredColour,
                              Planes(restored, 0, isGrey ? 1 : 3));
     std::printf("%s: %.2f dB gained\n", row.in.c_str(), gain);
-    // JPEG's losses and the palette's 256 colours eat some of the gain.
-    EXPECT_GE(gain, row.in.starts_with("palette") || row.in.ends_with(".jpg") ? 3.0 : 10.0)
-        << row.in;
+    EXPECT_GE(gain, 10.0) << row.in;
     if (row.colourType == 4 || row.colourType == 6) {
       const std::vector<double> kept = Planes(restored, 3, 1);
       for (size_t i = 0; i < n; ++i)
@@ -433,69 +398,6 @@ TEST(DeblurCommand, KeepsIccProfileAndExifAndWritesTheTypeTheNameSays) {
           << row.written;
     }
   }
-}
-
-TEST(DeblurCommand, ReadsKernelsOfEveryKind) {
-  Files f;
-  WriteMagick(f.dir / "in.png", Blurred(Sharp(1)), 8);
-  // The kernel as a matrix (commas, spaces) and a NumPy array, drawn in green, on a grey ground,
-  // inverted.
-  const ImagePlanes k = Kernel();
-  std::string csv, txt, header = "{'descr': '<f8', 'fortran_order': False, 'shape': (17, 17), }";
-  header.resize(117, ' ');
-  std::string npy = std::string("\x93NUMPY\x01\0\x76\0", 10) + header + "\n";
-  ImagePlanes green{std::vector<double>(k.planes.size() * 3), k.width, k.height, 3}, ground = k,
-                                                                                     inverted = k;
-  for (size_t i = 0; i < k.planes.size(); ++i) {
-    char exact[40];
-    std::snprintf(exact, sizeof exact, "%.17g", k.planes[i]);
-    csv += exact + std::string((i + 1) % k.width ? "," : "\n");
-    txt += exact + std::string((i + 1) % k.width ? "  " : "\n");
-    npy.append(reinterpret_cast<const char*>(&k.planes[i]), 8);
-    green.planes[k.planes.size() + i] = k.planes[i];
-    ground.planes[i] = (40.0 + std::round(k.planes[i] * 180.0)) / 255.0;
-    inverted.planes[i] = 1.0 - k.planes[i];
-  }
-  WriteFileBytes(f.dir / "k.csv", csv);
-  WriteFileBytes(f.dir / "k.txt", txt);
-  WriteFileBytes(f.dir / "k.npy", npy);
-  WriteMagick(f.dir / "green.png", green, 8);
-  WriteMagick(f.dir / "ground.png", ground, 8);
-  WriteMagick(f.dir / "inverted.png", inverted, 8);
-
-  auto run = [&](const std::string& kernel, const std::string& image, const std::string& out) {
-    return Deblur({"-k", f.dir / kernel, "-d", "16", "-o", f.dir / out, f.dir / image});
-  };
-  ASSERT_EQ(run("kernel.png", "in.png", "reference.png").exitCode, 0);
-  const std::vector<double> reference = Planes(ReadRgba(f.dir / "reference.png"), 0, 1);
-  struct Row {
-    std::string kernel;
-    double tolerance;     // largest difference from the image kernel's result
-    std::string warning;  // part of standard error
-  };
-  for (const Row& row : std::vector<Row>{{"k.csv", 1.01 / 65535, ""},
-                                         {"k.txt", 1.01 / 65535, ""},
-                                         {"k.npy", 1.01 / 65535, ""},
-                                         {"green.png", 1.01 / 65535, ""},
-                                         // Its levels rounded at 180 steps instead of 255.
-                                         {"ground.png", 0.02, "background level"}}) {
-    const ProcessResult r = run(row.kernel, "in.png", "o.png");
-    ASSERT_EQ(r.exitCode, 0) << row.kernel << ": " << r.err;
-    EXPECT_TRUE(row.warning.empty() ? r.err.empty() : Has(r.err, row.warning)) << r.err;
-    const std::vector<double> restored = Planes(ReadRgba(f.dir / "o.png"), 0, 1);
-    double worst = 0.0;
-    for (size_t i = 0; i < restored.size(); ++i)
-      worst = std::max(worst, std::abs(restored[i] - reference[i]));
-    EXPECT_LE(worst, row.tolerance) << row.kernel;
-  }
-  const ProcessResult inverse = run("inverted.png", "in.png", "o2.png");
-  EXPECT_EQ(inverse.exitCode, 1);
-  EXPECT_TRUE(Has(inverse.err, "inverted.png") && Has(inverse.err, "invert it")) << inverse.err;
-  const ProcessResult swapped = run("in.png", "kernel.png", "o3.png");
-  EXPECT_EQ(swapped.exitCode, 1);
-  EXPECT_TRUE(Has(swapped.err, "larger than the image") && Has(swapped.err, "swapped"))
-      << swapped.err;
-  EXPECT_FALSE(fs::exists(f.dir / "o2.png") || fs::exists(f.dir / "o3.png"));
 }
 
 TEST(DeblurCommand, RestoresABatchWhereOneImageFails) {
