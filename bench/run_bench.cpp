@@ -122,13 +122,13 @@ int main(int argc, char** argv) {
     for (int a = arg + 4; a < argc; ++a) {
       Row row;
       row.label = argv[a];
-      const std::string spec = argv[a];
-      const bool command = spec.rfind("command:", 0) == 0;
-      if (!command && spec.rfind("engine:", 0) != 0) throw Error("unknown row " + spec);
-      const size_t colon = spec.find(':');
-      const int boundary = std::atoi(spec.c_str() + colon + 1);
-      const size_t second = spec.find(':', colon + 1);
-      const std::string rest = second == std::string::npos ? "" : spec.substr(second + 1);
+      const std::string word = argv[a];
+      const bool command = word.rfind("command:", 0) == 0;
+      if (!command && word.rfind("engine:", 0) != 0) throw Error("unknown row " + word);
+      const size_t colon = word.find(':');
+      const int boundary = std::atoi(word.c_str() + colon + 1);
+      const size_t second = word.find(':', colon + 1);
+      const std::string rest = second == std::string::npos ? "" : word.substr(second + 1);
       const MarginSize margins = rest == "fast" ? MarginSize::kFast : MarginSize::kExact;
       // An untimed in-process run counts the rounds (for the command: exact margins, as it has).
       const bench::EngineFileRun first =

@@ -44,18 +44,6 @@ class PhaseClock {
 
 }  // namespace
 
-const char* SampleDepthWords(SampleDepth depth) {
-  switch (depth) {
-    case SampleDepth::k8:
-      return "8-bit";
-    case SampleDepth::k16:
-      return "16-bit";
-    case SampleDepth::kFloat:
-      return "floating-point";
-  }
-  return "?";
-}
-
 SampleDepth ResultDepth(DepthChoice choice, SampleDepth input, ImageFileType type, bool* narrowed) {
   if (narrowed) *narrowed = false;
   switch (choice) {

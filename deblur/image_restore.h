@@ -35,9 +35,6 @@ struct RestoredImage {
 SampleDepth ResultDepth(DepthChoice choice, SampleDepth input, ImageFileType type,
                         bool* narrowed = nullptr);
 
-// "8-bit", "16-bit" or "floating-point".
-const char* SampleDepthWords(SampleDepth depth);
-
 // Reads image.input, restores its colour channels with kernel under settings.engine (with
 // threads for settings.engine.threads), copies its alpha channel unchanged and writes the
 // result to image.output at ResultDepth, keeping the ICC profile and EXIF; the file is written

@@ -239,6 +239,18 @@ ImageFileType ImageFileTypeFromPath(const std::string& path) {
   return ImageFileType::kUnknown;
 }
 
+const char* SampleDepthWords(SampleDepth depth) {
+  switch (depth) {
+    case SampleDepth::k8:
+      return "8-bit";
+    case SampleDepth::k16:
+      return "16-bit";
+    case SampleDepth::kFloat:
+      return "floating-point";
+  }
+  return "?";
+}
+
 const char* ImageFileTypeName(ImageFileType type) {
   switch (type) {
     case ImageFileType::kPng:

@@ -36,6 +36,8 @@ ImageFileType ImageFileTypeFromPath(const std::string& path);
 
 // The type's usual name for messages ("PNG", "JPEG", ...; "unknown").
 const char* ImageFileTypeName(ImageFileType type);
+// "8-bit", "16-bit" or "floating-point", for messages.
+const char* SampleDepthWords(SampleDepth depth);
 
 // Whether WriteImageFile writes samples of this depth to this type: 8 bits to every type, 16
 // bits to PNG, TIFF and PGM/PPM/PNM, floating point to TIFF only. A depth the type cannot hold
