@@ -10,7 +10,6 @@
 //                         first run, untimed, counts the rounds and warms the plans)
 // --floor-only skips the timed runs and prints, per row, one line "floor W H rounds pair floor"
 // (seconds) for scripts. The output goes to a temporary file that is removed.
-#include <omp.h>
 #include <unistd.h>
 
 #include <algorithm>

@@ -3,7 +3,6 @@
 // with the iterative solve and, if asked, the sparse LU it replaces (printing their largest
 // difference), then the corner block. The peak resident size is printed after each step.
 // Usage: seam_bench [width] [height] [kernel] [direct: 0|1]
-#include <omp.h>
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -18,6 +17,7 @@
 #include "fit/plane_filter.h"
 #include "fit/seam_layout.h"
 #include "fit/thin_plate_fit.h"
+#include "plane/worker_pool.h"
 
 namespace {
 
@@ -66,7 +66,7 @@ int main(int argc, char** argv) {
       image[static_cast<size_t>(y) * W + x] =
           0.5 + 0.3 * std::sin(x * 0.01) * std::cos(y * 0.013) + noise(rng);
 
-  std::printf("image %d x %d, kernel %d, %d threads\n", W, H, k, omp_get_max_threads());
+  std::printf("image %d x %d, kernel %d, %d threads\n", W, H, k, ResolveThreads(0));
   struct Strip {
     const char* name;
     int w, h;

@@ -3,22 +3,17 @@
 #include <algorithm>
 #include <cassert>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "fit/border_extension.h"
 #include "marlith/error.hpp"
 #include "plane/channel_solve.h"
 #include "plane/plane_padding.h"
+#include "plane/worker_pool.h"
 #include "refine/kernel_refinement_pass.h"
 
 namespace marlith {
 namespace {
-
-int ThreadCount(int requested) {
-  return requested > 0 ? requested
-                       : static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
-}
 
 // The margin on each side of a working side of size n for a kernel of size k.
 int MarginFor(int n, int k, MarginSize margins) {
@@ -42,8 +37,8 @@ int NextFastSize(int minimum) {
   }
 }
 
-WorkingPlanes PrepareWorkingPlanes(const DeconvRequest& request, MarginSize margins,
-                                   const RunProgress& progress) {
+WorkingPlanes PrepareWorkingPlanes(const DeconvRequest& request, const SolverRunOptions& options) {
+  const RunProgress& progress = options.progress;
   EvenSizeWork work = MakeEvenSizeWork(request);
   // The kernel (with its zero border) must fit the image: its size is also the width of the
   // bands the border extension fits from.
@@ -59,10 +54,11 @@ WorkingPlanes PrepareWorkingPlanes(const DeconvRequest& request, MarginSize marg
     if (progress) progress("margins", 0.0);
     // Margins of (at least) three kernel sizes on every side, fitted from bands one kernel
     // size wide.
-    const int padX = MarginFor(out.width, work.marginWidth, margins);
-    const int padY = MarginFor(out.height, work.marginHeight, margins);
-    out.planes = extendPeriodicBorderPlanes(out.planes, work.channels, out.width, out.height, padX,
-                                            padY, work.marginWidth, work.marginHeight);
+    const int padX = MarginFor(out.width, work.marginWidth, options.margins);
+    const int padY = MarginFor(out.height, work.marginHeight, options.margins);
+    out.planes =
+        extendPeriodicBorderPlanes(out.planes, work.channels, out.width, out.height, padX, padY,
+                                   work.marginWidth, work.marginHeight, options.threads);
     out.width += 2 * padX;
     out.height += 2 * padY;
     if (progress) progress("margins", kMarginShare);
@@ -87,14 +83,14 @@ void Crop(const WorkingPlanes& work, const DeconvRequest& request) {
 }  // namespace
 
 int RunFrequencySolver(const DeconvRequest& request, const SolverRunOptions& options) {
-  WorkingPlanes work = PrepareWorkingPlanes(request, options.margins, options.progress);
+  WorkingPlanes work = PrepareWorkingPlanes(request, options);
   const size_t planeSize = static_cast<size_t>(work.width) * work.height;
   ChannelSolver solver(
       work.width, work.height,
       std::span<const double>(request.kernel,
                               static_cast<size_t>(request.kernelWidth) * request.kernelHeight),
       request.kernelWidth, request.kernelHeight, request.localPriorWeight,
-      ThreadCount(options.threads));
+      ResolveThreads(options.threads));
   const double start = SolveStart(request), share = (1.0 - start) / request.channels;
   // Each channel's result replaces its working plane, which the solve no longer needs.
   for (int c = 0; c < request.channels; ++c) {
@@ -114,10 +110,10 @@ int RunFrequencySolver(const DeconvRequest& request, const SolverRunOptions& opt
 int RunRefinedFrequencySolver(const DeconvRequest& request, std::span<double> kernel,
                               const SolverRunOptions& options) {
   assert(request.kernel == kernel.data());
-  WorkingPlanes work = PrepareWorkingPlanes(request, options.margins, options.progress);
+  WorkingPlanes work = PrepareWorkingPlanes(request, options);
   RefinementSettings settings;
   settings.noise = request.noise;
-  settings.threads = ThreadCount(options.threads);
+  settings.threads = ResolveThreads(options.threads);
   settings.solveWithRefinedKernel = true;
   if (options.progress) {
     const double start = SolveStart(request);

@@ -36,10 +36,10 @@ struct SolverRunOptions {
 
 // The request's planes extended to even sizes (last column and row repeated) and, for a
 // non-zero boundaryType, given smooth periodic margins (three kernel sizes on every side, or
-// more with MarginSize::kFast). Throws marlith::Error when the kernel is larger than the image.
+// more with options.margins = MarginSize::kFast). Throws marlith::Error when the kernel is
+// larger than the image.
 WorkingPlanes PrepareWorkingPlanes(const DeconvRequest& request,
-                                   MarginSize margins = MarginSize::kExact,
-                                   const RunProgress& progress = {});
+                                   const SolverRunOptions& options = {});
 
 // Deconvolves request.channels planes of request.width x request.height with the request's
 // (prepared) kernel and writes the result into request.output. The planes are solved at even

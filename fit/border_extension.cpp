@@ -10,7 +10,8 @@ namespace marlith {
 
 std::vector<double> extendPeriodicBorderPlanes(std::span<const double> planes, int32_t channels,
                                                int32_t width, int32_t height, int32_t padX,
-                                               int32_t padY, int32_t bandX, int32_t bandY) {
+                                               int32_t padY, int32_t bandX, int32_t bandY,
+                                               int threads) {
   assert(bandX > 0 && bandX <= width && bandY > 0 && bandY <= height && padX >= 0 && padY >= 0);
   const SeamLayout L(width, height, padX, padY, bandX, bandY);
   const size_t imageSize = static_cast<size_t>(width) * height;
@@ -22,7 +23,7 @@ std::vector<double> extendPeriodicBorderPlanes(std::span<const double> planes, i
                        std::vector<double>& strips) {
     const size_t size = static_cast<size_t>(w) * h;
     strips.resize(size * channels);
-    const ThinPlateSystem system(weights, w, h);
+    const ThinPlateSystem system(weights, w, h, ThinPlateMethod::kAutomatic, threads);
     for (int c = 0; c < channels; ++c) {
       const std::span<double> strip(strips.data() + c * size, size);
       fill(L, planes.data() + c * imageSize, strip.data());
@@ -36,7 +37,8 @@ std::vector<double> extendPeriodicBorderPlanes(std::span<const double> planes, i
   // The padded planes are obtained only now, so the strips' systems did not share the memory
   // with them.
   std::vector<double> padded(paddedSize * channels);
-  const ThinPlateSystem cornerSystem(CornerWeights(L), L.SW, L.SH);
+  const ThinPlateSystem cornerSystem(CornerWeights(L), L.SW, L.SH, ThinPlateMethod::kAutomatic,
+                                     threads);
   for (int c = 0; c < channels; ++c) {
     const double* image = planes.data() + c * imageSize;
     FillCorner(L, lr.data() + c * lrSize, tb.data() + c * tbSize, corner.data());

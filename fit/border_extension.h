@@ -28,9 +28,11 @@ int32_t extendPeriodicBorder(BorderExtensionRequest& request);
 
 // The same for several planes of one size (channels stored one after another), fitting each
 // seam once per plane with a single factorisation: the result equals per-plane calls.
-// Returns the padded planes, channels x paddedWidth x paddedHeight.
+// Returns the padded planes, channels x paddedWidth x paddedHeight. threads: threads for the
+// fits (0: every core).
 std::vector<double> extendPeriodicBorderPlanes(std::span<const double> planes, int32_t channels,
                                                int32_t width, int32_t height, int32_t padX,
-                                               int32_t padY, int32_t bandX, int32_t bandY);
+                                               int32_t padY, int32_t bandX, int32_t bandY,
+                                               int threads = 0);
 
 }  // namespace marlith

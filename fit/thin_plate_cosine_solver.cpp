@@ -1,17 +1,17 @@
 #include "fit/thin_plate_cosine_solver.h"
 
-#include <omp.h>
-
 #include <algorithm>
 #include <cassert>
 #include <cmath>
 #include <mutex>
 #include <numbers>
 #include <string>
+#include <vector>
 
 #include "fit/kernel_bank.h"
 #include "marlith/error.hpp"
 #include "plane/gmres.h"
+#include "plane/worker_pool.h"
 
 namespace marlith {
 namespace {
@@ -32,8 +32,16 @@ constexpr GmresSettings kGmres = {.restart = 12,
                                   .tolerance = 1e-16,
                                   .stagnation = 0.3,
                                   .acceptable = 1e-12};
-// Planes smaller than this are worked by one thread: waking the team would cost more.
+// Planes smaller than this are worked by one thread: waking the workers would cost more.
 constexpr ptrdiff_t kParallelFrom = 1 << 15;
+
+// Runs work(i) for i in [0, count) on the given threads.
+template <typename Work>
+void ForEach(int count, int threads, const Work& work) {
+  RunParallelRanges(count, threads, [&](ptrdiff_t begin, ptrdiff_t end) {
+    for (int i = static_cast<int>(begin); i < end; ++i) work(i);
+  });
+}
 
 // Whether every row (alongRows) or else every column of the plane holds one weight.
 bool ConstantAlong(std::span<const double> w, int32_t width, int32_t height, bool alongRows) {
@@ -49,7 +57,7 @@ bool ConstantAlong(std::span<const double> w, int32_t width, int32_t height, boo
 }  // namespace
 
 std::unique_ptr<ThinPlateCosineSolver> ThinPlateCosineSolver::TryCreate(
-    std::span<const double> weights, int32_t width, int32_t height) {
+    std::span<const double> weights, int32_t width, int32_t height, int threads) {
   assert(width > 0 && height > 0);
   const bool rowsConstant = ConstantAlong(weights, width, height, true);
   const bool columnsConstant = !rowsConstant && ConstantAlong(weights, width, height, false);
@@ -59,6 +67,9 @@ std::unique_ptr<ThinPlateCosineSolver> ThinPlateCosineSolver::TryCreate(
   s->width_ = width;
   s->height_ = height;
   s->weightsAlongX_ = !rowsConstant;
+  // Planes smaller than kParallelFrom are worked by one thread.
+  s->threads_ =
+      static_cast<ptrdiff_t>(width) * height >= kParallelFrom ? ResolveThreads(threads) : 1;
   // Weights the same along each row vary only down the columns: transform along x, band
   // along y. Otherwise the reverse.
   const int nt = rowsConstant ? width : height, nb = rowsConstant ? height : width;
@@ -80,9 +91,9 @@ std::unique_ptr<ThinPlateCosineSolver> ThinPlateCosineSolver::TryCreate(
   s->lower1_.resize(n);
   s->inverseDiagonal_.resize(n);
   s->upper1_.resize(n);
-  bool regular = true;
-#pragma omp parallel for schedule(static) reduction(&& : regular) if (n >= kParallelFrom)
-  for (int k = 0; k < nt; ++k) {
+  // Whether mode k factorised; a byte a mode, so that no two threads write the same one.
+  std::vector<char> regular(static_cast<size_t>(nt), 1);
+  ForEach(nt, s->threads_, [&](int k) {
     const double theta = std::numbers::pi * k / nt;
     const double c1 = 2.0 * std::cos(theta), c2 = 2.0 * std::cos(2.0 * theta);
     using S = ThinPlateStencil;
@@ -105,20 +116,20 @@ std::unique_ptr<ThinPlateCosineSolver> ThinPlateCosineSolver::TryCreate(
       const double pivot = m[2] - (i >= 2 ? lower2 : 0.0) - (i >= 1 ? lower1 * u1[before1] : 0.0);
       const double upper1 = m[3] - (i >= 1 && i + 1 < nb ? lower1 : 0.0);
       if (!(std::fabs(pivot) > 1e-12 * (std::fabs(m[2]) + 1.0)) || !std::isfinite(pivot)) {
-        regular = false;
+        regular[static_cast<size_t>(k)] = 0;
       }
       l1[at] = lower1;
       invd[at] = 1.0 / pivot;
       u1[at] = upper1;
     }
-  }
-  if (!regular) return nullptr;
+  });
+  if (std::find(regular.begin(), regular.end(), 0) != regular.end()) return nullptr;
 
   s->work_ = AllocateFftwBuffer<double>(n);
   s->spectrum_ = AllocateFftwBuffer<double>(n);
   {
     std::lock_guard<std::mutex> lock(FftwPlannerMutex());
-    fftw_plan_with_nthreads(static_cast<ptrdiff_t>(n) >= kParallelFrom ? omp_get_max_threads() : 1);
+    fftw_plan_with_nthreads(s->threads_);
     const int length = nt, stride = transformStride, distance = bandStride;
     // The spectrum is laid out mode-fastest (row b of the band axis holds every mode), so the
     // band solves run along contiguous rows whichever axis is transformed.
@@ -140,9 +151,7 @@ ThinPlateCosineSolver::~ThinPlateCosineSolver() = default;
 // y = (B + diag(w)) x with B the 5 x 5 biharmonic stencil, neighbours clamped into the plane.
 void ThinPlateCosineSolver::ApplySystem(const double* x, double* y) const {
   const int W = width_, H = height_;
-  const bool parallel = static_cast<ptrdiff_t>(W) * H >= kParallelFrom;
-#pragma omp parallel for schedule(static) if (parallel)
-  for (int r = 0; r < H; ++r) {
+  ForEach(H, threads_, [&](int r) {
     const double* row[5];
     for (int d = -2; d <= 2; ++d)
       row[d + 2] = x + static_cast<ptrdiff_t>(std::clamp(r + d, 0, H - 1)) * W;
@@ -166,7 +175,7 @@ void ThinPlateCosineSolver::ApplySystem(const double* x, double* y) const {
       out[c] = tap(c, direct) + weight[c * weightStep] * x[static_cast<ptrdiff_t>(r) * W + c];
     for (int c = inner1; c < W; ++c)
       out[c] = tap(c, at) + weight[c * weightStep] * x[static_cast<ptrdiff_t>(r) * W + c];
-  }
+  });
 }
 
 // z = M^-1 r, M the system with the transformed axis mirrored instead of clamped.
@@ -182,10 +191,9 @@ void ThinPlateCosineSolver::ApplyPreconditioner(const double* r, double* z) cons
   const double* invd = inverseDiagonal_.data();
   const double* u1 = upper1_.data();
   const int chunks = (nt + kModeChunk - 1) / kModeChunk;
-  const bool parallel = n >= kParallelFrom;
-#pragma omp parallel for schedule(static) if (parallel)
-  for (int c = 0; c < chunks; ++c) {
-    const int k0 = c * kModeChunk, k1 = std::min(nt, k0 + kModeChunk);
+  RunParallelRanges(chunks, threads_, [&](ptrdiff_t first, ptrdiff_t last) {
+    const int k0 = static_cast<int>(first) * kModeChunk;
+    const int k1 = std::min(nt, static_cast<int>(last) * kModeChunk);
     // L z = scale f, row by row down the band, every mode of the chunk at once; L's second
     // subdiagonal is U's inverse diagonal two rows up.
     for (int b = 0; b < nb; ++b) {
@@ -219,7 +227,7 @@ void ThinPlateCosineSolver::ApplyPreconditioner(const double* r, double* z) cons
         for (int k = k0; k < k1; ++k) x[k] *= d[k];
       }
     }
-  }
+  });
   fftw_execute(inverse_.get());
   std::copy_n(f, n, z);
 }
@@ -227,9 +235,12 @@ void ThinPlateCosineSolver::ApplyPreconditioner(const double* r, double* z) cons
 bool ThinPlateCosineSolver::Solve(std::span<const double> rhs, std::span<double> x) const {
   const size_t n = static_cast<size_t>(width_) * height_;
   assert(rhs.size() >= n && x.size() >= n);
+  GmresSettings settings = kGmres;
+  settings.threads = threads_;
   const GmresResult result = solveGmres(
       rhs.first(n), x, [this](const double* in, double* out) { ApplySystem(in, out); },
-      [this](const double* in, double* out) { ApplyPreconditioner(in, out); }, kGmres);
+      [this](const double* in, double* out) { ApplyPreconditioner(in, out); }, settings,
+      workspace_);
   lastIterations_ = result.iterations;
   return result.converged;
 }

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "plane/fftw_plan.h"
+#include "plane/gmres.h"
 
 namespace marlith {
 
@@ -25,9 +26,11 @@ class ThinPlateCosineSolver {
  public:
   // Returns a solver when the width x height weight plane is constant along its rows or along
   // its columns and every banded system of the preconditioner factorises, and nothing
-  // otherwise. Throws marlith::Error when FFTW cannot plan.
+  // otherwise. threads: threads for the transforms and passes (0: every core). Throws
+  // marlith::Error when FFTW cannot plan.
   static std::unique_ptr<ThinPlateCosineSolver> TryCreate(std::span<const double> weights,
-                                                          int32_t width, int32_t height);
+                                                          int32_t width, int32_t height,
+                                                          int threads = 0);
   ~ThinPlateCosineSolver();
   ThinPlateCosineSolver(const ThinPlateCosineSolver&) = delete;
   ThinPlateCosineSolver& operator=(const ThinPlateCosineSolver&) = delete;
@@ -47,7 +50,8 @@ class ThinPlateCosineSolver {
   int32_t width_ = 0, height_ = 0;
   // Lengths of the transformed axis (the weights are constant along it) and the banded one.
   int32_t transformLength_ = 0, bandLength_ = 0;
-  bool weightsAlongX_ = false;       // the weights change along x (constant down columns)
+  bool weightsAlongX_ = false;  // the weights change along x (constant down columns)
+  int threads_ = 1;
   std::vector<double> bandWeights_;  // w along the banded axis
   // The L U factors of every mode's banded system, laid out as the spectrum (band row b, mode
   // k at b * transformLength_ + k): L's first subdiagonal, the inverse of U's diagonal and U's
@@ -55,6 +59,7 @@ class ThinPlateCosineSolver {
   std::vector<double> lower1_, inverseDiagonal_, upper1_;
   FftwBuffer<double> work_, spectrum_;  // a plane as laid out, and its spectrum
   FftwPlan forward_, inverse_;
+  mutable GmresWorkspace workspace_;
   mutable int lastIterations_ = 0;
 };
 

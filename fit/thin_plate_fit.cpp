@@ -196,7 +196,7 @@ void ThinPlateSystem::Factorisation::Solve(const double* rhs, double* solution) 
 }
 
 ThinPlateSystem::ThinPlateSystem(std::span<const double> weights, int32_t width, int32_t height,
-                                 ThinPlateMethod method)
+                                 ThinPlateMethod method, int threads)
     : width_(width), height_(height) {
   assert(width > 0 && height > 0);
   const size_t n = static_cast<size_t>(width) * height;
@@ -210,7 +210,7 @@ ThinPlateSystem::ThinPlateSystem(std::span<const double> weights, int32_t width,
                 std::to_string(height) + " plane is zero, so the system is singular");
   }
   if (method == ThinPlateMethod::kAutomatic) {
-    cosine_ = ThinPlateCosineSolver::TryCreate(weights_, width, height);
+    cosine_ = ThinPlateCosineSolver::TryCreate(weights_, width, height, threads);
   }
   if (!cosine_) factorisation_ = std::make_unique<Factorisation>(weights_, width, height);
 }

@@ -51,9 +51,10 @@ class ThinPlateSystem {
  public:
   // Prepares the system for a width x height weight plane (copied). Throws marlith::Error
   // when every weight is zero (the stencil alone annihilates constants) or when the solver
-  // underneath reports a failure or a singular system.
+  // underneath reports a failure or a singular system. threads: threads for the iteration's
+  // transforms and passes (0: every core).
   ThinPlateSystem(std::span<const double> weights, int32_t width, int32_t height,
-                  ThinPlateMethod method = ThinPlateMethod::kAutomatic);
+                  ThinPlateMethod method = ThinPlateMethod::kAutomatic, int threads = 0);
   ~ThinPlateSystem();
   ThinPlateSystem(const ThinPlateSystem&) = delete;
   ThinPlateSystem& operator=(const ThinPlateSystem&) = delete;

@@ -7,6 +7,9 @@
 #include <cstddef>
 #include <functional>
 #include <span>
+#include <vector>
+
+#include "plane/fftw_plan.h"
 
 namespace marlith {
 
@@ -22,6 +25,7 @@ struct GmresSettings {
   // at most acceptable |b|.
   double stagnation = 0.3;
   double acceptable = 1e-12;
+  int threads = 0;  // threads for the vector operations; 0: every core
 };
 
 struct GmresResult {
@@ -29,8 +33,21 @@ struct GmresResult {
   int iterations = 0;      // Arnoldi steps taken over all cycles
 };
 
+// The iteration's vectors (the Krylov basis of restart + 1 vectors and two more, in memory that
+// takes few page faults), kept between solves of one size so that they are allocated and first
+// touched once.
+struct GmresWorkspace {
+  FftwBuffer<double> vectors;
+  size_t capacity = 0;  // values vectors holds
+  std::vector<double> partial;
+};
+
 // Solves A x = rhs into x (rhs.size() values), starting from x = M^-1 rhs. A zero right-hand
-// side gives x = 0 at once. Allocates the Krylov basis (restart + 1 vectors) once per call.
+// side gives x = 0 at once.
+GmresResult solveGmres(std::span<const double> rhs, std::span<double> x,
+                       const LinearOperator& apply, const LinearOperator& precondition,
+                       const GmresSettings& settings, GmresWorkspace& workspace);
+// The same with a workspace of its own.
 GmresResult solveGmres(std::span<const double> rhs, std::span<double> x,
                        const LinearOperator& apply, const LinearOperator& precondition,
                        const GmresSettings& settings = {});

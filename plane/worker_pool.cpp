@@ -140,9 +140,14 @@ class Pool {
 
 }  // namespace
 
+int ResolveThreads(int threads) {
+  return threads > 0 ? threads
+                     : static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
+}
+
 void RunParallelJobs(int jobs, int threads, const std::function<void(int)>& work) {
   if (jobs <= 0) return;
-  if (threads <= 0) threads = static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
+  threads = ResolveThreads(threads);
   if (jobs > 1 && jobs <= Pool::kMaxJobs && threads > 1 && !insideJob &&
       Pool::Instance().TryRun(jobs, threads, work)) {
     return;

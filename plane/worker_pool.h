@@ -5,6 +5,8 @@
 // took the cores from the threads with work and doubled the run time.)
 #pragma once
 
+#include <algorithm>
+#include <cstddef>
 #include <functional>
 
 namespace marlith {
@@ -15,6 +17,21 @@ namespace marlith {
 // call made from inside a job, or while another thread is using the pool, runs its jobs on the
 // calling thread in order. work must not throw.
 void RunParallelJobs(int jobs, int threads, const std::function<void(int job)>& work);
+
+// The threads a request for threads stands for: threads <= 0 asks for one per core.
+int ResolveThreads(int threads);
+
+// Runs work(begin, end) over [0, count) in contiguous blocks in job order, one block per thread
+// (threads <= 0: one per core; 1: the whole range on the calling thread). work must not throw.
+template <typename Work>
+void RunParallelRanges(std::ptrdiff_t count, int threads, const Work& work) {
+  const int jobs = static_cast<int>(std::min<std::ptrdiff_t>(ResolveThreads(threads), count));
+  if (jobs <= 1) {
+    if (count > 0) work(std::ptrdiff_t{0}, count);
+    return;
+  }
+  RunParallelJobs(jobs, jobs, [&](int job) { work(count * job / jobs, count * (job + 1) / jobs); });
+}
 
 // The first and one-past-last of count items that job of jobs takes: contiguous blocks in job
 // order, sizes differing by at most one.

@@ -49,7 +49,7 @@ cpack --config "$build/CPackConfig.cmake" -G DEB -B "$tmp/deb" > "$tmp/cpack.log
 deb=$(find "$tmp/deb" -maxdepth 1 -name '*.deb')
 depends=$(dpkg-deb -f "$deb" Depends)
 echo "Depends: $depends"
-for p in libc6 libstdc++6 libgomp1 libfftw3-double3 libopenblas0 libumfpack5 \
+for p in libc6 libstdc++6 libfftw3-double3 libopenblas0 libumfpack5 \
   libgraphicsmagick++-q16-12; do
   [[ "$depends" == *"$p"* ]] || fail "Depends lacks $p"
 done
