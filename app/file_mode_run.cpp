@@ -29,7 +29,7 @@ int32_t RunLoaded(const DeconvFileJob& job, int32_t variant, const CxImage& inpu
   const ImagePlanes image = ImageToPlanes(input);
   const ImagePlanes kernel = KernelFromImage(kernelImage);
   const int32_t width = image.width, height = image.height, channels = image.channels;
-  std::vector<double> outputPlanes(image.planes.size(), 0.0);
+  std::vector<double> outputPlanes = NewImagePlanes(image.planes.size());
 
   const DeconvRequest request = MakeScaledRequest(
       image.planes.data(), outputPlanes.data(), width, height, channels, kernel.planes.data(),
@@ -53,7 +53,7 @@ ImagePlanes ImageToPlanes(const CxImage& image) {
   // alpha layer are solved as one plane read from the red bytes.
   out.channels = image.GetColorType() == 2 ? 3 : 1;
   const size_t planeSize = static_cast<size_t>(out.width) * out.height;
-  out.planes.resize(planeSize * out.channels);
+  out.planes = NewImagePlanes(planeSize * out.channels);
   for (int32_t y = 0; y < out.height; ++y) {
     for (int32_t x = 0; x < out.width; ++x) {
       const PixelColor p = image.GetPixelColor(x, y, true);

@@ -7,6 +7,7 @@
 
 #include "engine/frequency_solver_run.h"
 #include "marlith/error.hpp"
+#include "plane/fftw_plan.h"
 #include "plane/plane_padding.h"
 #include "refine/kernel_refinement_pass.h"
 
@@ -117,6 +118,13 @@ void CheckRequest(const DeconvRequest& request) {
                 " with a kernel of " + std::to_string(request.kernelWidth) + " x " +
                 std::to_string(request.kernelHeight) + " is too large");
   }
+}
+
+std::vector<double> NewImagePlanes(size_t count) {
+  std::vector<double> planes;
+  ReservePlane(planes, count);
+  planes.resize(count);
+  return planes;
 }
 
 DeconvRequest MakeScaledRequest(const double* input, double* output, int32_t width, int32_t height,

@@ -38,6 +38,10 @@ DeconvRequest MakeScaledRequest(const double* input, double* output, int32_t wid
 // sizes too large to hold, or a noise or weight that is not finite.
 void CheckRequest(const DeconvRequest& request);
 
+// count zeros for a caller's image planes, in memory that fills with a page fault per 2 MiB
+// rather than per 4 KiB (first touches of fresh memory are a large part of a short run).
+std::vector<double> NewImagePlanes(size_t count);
+
 // Checks the request's sizes and pointers (throws marlith::Error naming the fault), prepares
 // its kernel and runs the chosen variant on a private copy; the solver writes request.output.
 // Any other variant runs no solver and leaves the output planes as they are. When usedKernel is

@@ -5,6 +5,7 @@
 
 #include "fit/seam_layout.h"
 #include "fit/thin_plate_fit.h"
+#include "plane/fftw_plan.h"
 
 namespace marlith {
 
@@ -36,7 +37,9 @@ std::vector<double> extendPeriodicBorderPlanes(std::span<const double> planes, i
   fitStrips(TopBottomWeights(L), L.W, L.SH, FillTopBottom, tb);
   // The padded planes are obtained only now, so the strips' systems did not share the memory
   // with them.
-  std::vector<double> padded(paddedSize * channels);
+  std::vector<double> padded;
+  ReservePlane(padded, paddedSize * channels);
+  padded.resize(paddedSize * channels);
   const ThinPlateSystem cornerSystem(CornerWeights(L), L.SW, L.SH, ThinPlateMethod::kAutomatic,
                                      threads);
   for (int c = 0; c < channels; ++c) {

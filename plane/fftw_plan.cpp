@@ -2,6 +2,7 @@
 
 #include <sys/mman.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <string>
 
@@ -40,8 +41,11 @@ void FftwPlanDeleter::operator()(fftw_plan_s* plan) const {
   fftw_destroy_plan(plan);
 }
 
+namespace {
+constexpr size_t kHugePage = size_t{2} << 20;
+}  // namespace
+
 void* AllocatePlaneMemory(size_t bytes) {
-  constexpr size_t kHugePage = size_t{2} << 20;
   // 64 bytes suit every vector unit FFTW uses.
   const size_t alignment = bytes >= kHugePage ? kHugePage : 64;
   void* p = std::aligned_alloc(alignment, (bytes + alignment - 1) / alignment * alignment);
@@ -50,6 +54,15 @@ void* AllocatePlaneMemory(size_t bytes) {
 }
 
 void FreePlaneMemory(void* p) { std::free(p); }
+
+void ReservePlane(std::vector<double>& plane, size_t count) {
+  plane.reserve(count);
+  const auto begin = reinterpret_cast<uintptr_t>(plane.data());
+  const uintptr_t first = (begin + kHugePage - 1) & ~(kHugePage - 1);
+  const uintptr_t last = (begin + count * sizeof(double)) & ~(kHugePage - 1);
+  // Advice only: where the kernel declines, the plane works the same with small pages.
+  if (last > first) madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
+}
 
 FftwPlan AdoptFftwPlan(fftw_plan plan, const char* what) {
   if (!plan) throw Error(std::string("FFTW could not plan the ") + what);

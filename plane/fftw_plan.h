@@ -6,6 +6,7 @@
 
 #include <memory>
 #include <mutex>
+#include <vector>
 
 namespace marlith {
 
@@ -41,5 +42,10 @@ FftwBuffer<T> AllocateFftwBuffer(size_t count) {
   if (!p) throw std::bad_alloc();
   return FftwBuffer<T>(static_cast<T*>(p));
 }
+
+// Gives an empty plane room for count values, the whole 2 MiB blocks of it offered to the
+// kernel as transparent huge pages, without touching it: filling it then takes a page fault
+// per 2 MiB instead of one per 4 KiB. For the large planes a run allocates once.
+void ReservePlane(std::vector<double>& plane, size_t count);
 
 }  // namespace marlith
