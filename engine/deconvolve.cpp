@@ -57,7 +57,7 @@ std::ptrdiff_t Offset(const View& v, int x, int y, int c) {
 // The view's samples as planar doubles on the [0, 1] scale.
 std::vector<double> ReadPlanes(const ConstImageView& v) {
   const size_t planeSize = static_cast<size_t>(v.width) * v.height;
-  std::vector<double> planes(planeSize * v.channels);
+  std::vector<double> planes = NewImagePlanes(planeSize * v.channels);
   auto read = [&](auto* data, double scale) {
     for (int c = 0; c < v.channels; ++c)
       for (int y = 0; y < v.height; ++y) {
