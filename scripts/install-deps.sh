@@ -9,7 +9,7 @@ packages=(
   libfftw3-dev libopenblas-dev libsuitesparse-dev libgraphicsmagick++1-dev libspng-dev
   libtiff-dev zlib1g-dev libjpeg-dev
   libgtest-dev libcli11-dev
-  clang libclang-rt-14-dev libomp-dev
+  clang libclang-rt-14-dev
   graphicsmagick time gnuplot-nox linux-perf
   # The Python package (built and tested with Debian's python3), its Dask door and example, and
   # the offline `pip install .` route (venv, pip, setuptools and wheel from Debian).
