@@ -193,11 +193,4 @@ GmresResult solveGmres(std::span<const double> rhs, std::span<double> x,
   }
 }
 
-GmresResult solveGmres(std::span<const double> rhs, std::span<double> x,
-                       const LinearOperator& apply, const LinearOperator& precondition,
-                       const GmresSettings& settings) {
-  GmresWorkspace workspace;
-  return solveGmres(rhs, x, apply, precondition, settings, workspace);
-}
-
 }  // namespace marlith

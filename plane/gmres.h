@@ -47,9 +47,5 @@ struct GmresWorkspace {
 GmresResult solveGmres(std::span<const double> rhs, std::span<double> x,
                        const LinearOperator& apply, const LinearOperator& precondition,
                        const GmresSettings& settings, GmresWorkspace& workspace);
-// The same with a workspace of its own.
-GmresResult solveGmres(std::span<const double> rhs, std::span<double> x,
-                       const LinearOperator& apply, const LinearOperator& precondition,
-                       const GmresSettings& settings = {});
 
 }  // namespace marlith
