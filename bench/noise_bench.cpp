@@ -20,10 +20,14 @@
 //   mode calibrate: the sweep on the fitting images and the fitted rule strength = c level^p
 //   mode evaluate:  the table on the held-out images (the rule as compiled into the engine)
 //   no mode:        calibrate, then evaluate
+// Two optional arguments after the mode narrow a run for quick looks: the set (levin, photo or
+// all) and one noise level (e.g. 0.005); the defaults run everything.
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <sstream>
 #include <stdexcept>
@@ -41,7 +45,9 @@ using marlith::synthesis::ReadKernelText;
 
 using marlith::synthesis::BlurBorder;
 
-constexpr double kLevels[] = {0.005, 0.01, 0.02, 0.03, 0.05};
+constexpr double kAllLevels[] = {0.005, 0.01, 0.02, 0.03, 0.05};
+// The levels a run covers: all of them, or the one given on the command line.
+std::vector<double> gLevels(std::begin(kAllLevels), std::end(kAllLevels));
 constexpr int kCropSide = 320;
 constexpr double kGridStep = 0.25;       // log2 of the ratio between neighbouring strengths
 constexpr double kReadmeStrength = 0.1;  // the README's advice for 0.5 to 1 % noise
@@ -252,7 +258,7 @@ Sets MakeSets(const std::string& levin) {
 
 void PrintEstimates(const char* title, const std::vector<Case>& cases) {
   std::printf("%s\n", title);
-  for (double level : kLevels) {
+  for (double level : gLevels) {
     const LevelRun run = Prepare(cases, level);
     double worst = 0.0;
     std::string worstName;
@@ -281,7 +287,7 @@ std::vector<FitPoint> Calibrate(const char* title, const std::vector<Case>& case
   std::printf("|---|---|---|---|---|\n");
   std::vector<FitPoint> points;
   int start = GridIndexNear(0.05);
-  for (double level : kLevels) {
+  for (double level : gLevels) {
     LevelRun run = Prepare(cases, level);
     const int k = ClimbToBest(cases, run, start);
     const double refined = RefinedBest(cases, run, k);
@@ -320,7 +326,7 @@ void Evaluate(const char* title, const std::vector<Case>& cases) {
       "| true level | estimated: mean | worst error | chosen strength: mean (range) | best fixed "
       "strength | PSNR chosen | PSNR best fixed | difference | PSNR at 0.1 |\n");
   std::printf("|---|---|---|---|---|---|---|---|---|\n");
-  for (double level : kLevels) {
+  for (double level : gLevels) {
     LevelRun run = Prepare(cases, level);
     double worst = 0.0, logSum = 0.0, lo = 1e300, hi = 0.0;
     std::vector<double> chosenPsnr;
@@ -353,31 +359,44 @@ void Evaluate(const char* title, const std::vector<Case>& cases) {
 int main(int argc, char** argv) {
   const std::string folder = argc > 1 ? argv[1] : "../shared/data/levin";
   const std::string mode = argc > 2 ? argv[2] : "all";
-  if (mode != "all" && mode != "estimate" && mode != "calibrate" && mode != "evaluate") {
-    std::fprintf(stderr, "usage: noise_bench [levin folder] [estimate|calibrate|evaluate]\n");
+  const std::string set = argc > 3 ? argv[3] : "all";
+  if ((mode != "all" && mode != "estimate" && mode != "calibrate" && mode != "evaluate") ||
+      (set != "all" && set != "levin" && set != "photo")) {
+    std::fprintf(stderr,
+                 "usage: noise_bench [levin folder] [estimate|calibrate|evaluate] "
+                 "[all|levin|photo] [level]\n");
     return 2;
   }
+  if (argc > 4) gLevels = {std::atof(argv[4])};
+  const bool levinSet = set != "photo", photoSet = set != "levin";
   try {
     const Sets s = MakeSets(folder);
     if (mode == "estimate") {
-      PrintEstimates("Levin, fitting images (im1, im2)", s.levinFit);
-      PrintEstimates("Levin, held-out images (im3, im4)", s.levinHeldOut);
-      PrintEstimates("Photographs, fitting images", s.photoFit);
-      PrintEstimates("Photographs, held-out images", s.photoHeldOut);
+      if (levinSet) {
+        PrintEstimates("Levin, fitting images (im1, im2)", s.levinFit);
+        PrintEstimates("Levin, held-out images (im3, im4)", s.levinHeldOut);
+      }
+      if (photoSet) {
+        PrintEstimates("Photographs, fitting images", s.photoFit);
+        PrintEstimates("Photographs, held-out images", s.photoHeldOut);
+      }
       return 0;
     }
     if (mode == "all" || mode == "calibrate") {
       std::printf("## Calibration: the best fixed strength on the fitting images\n");
-      std::vector<FitPoint> points =
-          Calibrate("(a) Levin im1, im2, circular blur, boundary 0", s.levinFit);
-      const auto photo = Calibrate("(b) photographs, replicated borders, boundary 1", s.photoFit);
-      points.insert(points.end(), photo.begin(), photo.end());
-      FitRule(points);
+      std::vector<FitPoint> points;
+      if (levinSet) points = Calibrate("(a) Levin im1, im2, circular blur, boundary 0", s.levinFit);
+      if (photoSet) {
+        const auto photo = Calibrate("(b) photographs, replicated borders, boundary 1", s.photoFit);
+        points.insert(points.end(), photo.begin(), photo.end());
+      }
+      if (points.size() > 1) FitRule(points);
     }
     if (mode == "all" || mode == "evaluate") {
       std::printf("\n## The automatic strength on held-out images\n");
-      Evaluate("(a) Levin im3, im4 x 8 kernels, circular blur, boundary 0", s.levinHeldOut);
-      Evaluate("(b) photographs, replicated borders, boundary 1", s.photoHeldOut);
+      if (levinSet)
+        Evaluate("(a) Levin im3, im4 x 8 kernels, circular blur, boundary 0", s.levinHeldOut);
+      if (photoSet) Evaluate("(b) photographs, replicated borders, boundary 1", s.photoHeldOut);
     }
   } catch (const std::exception& e) {
     const std::string message = e.what();

@@ -11,8 +11,11 @@ namespace marlith {
 // width x height). Each channel is estimated from the covariance of its 7 x 7 patches: noise
 // spreads evenly over every direction of patch space while a blurred image's signal lives in a
 // few, so the noise variance is the mean of the smallest eigenvalues, taken over the largest set
-// whose mean equals its median (Chen, Zhu and Heng, ICCV 2015). The channels' variances are
-// averaged (the result is their root mean square), since one strength serves every channel.
+// whose mean equals its median (Chen, Zhu and Heng, ICCV 2015). Texture the blur leaves would
+// fill those directions too, so the covariance is then taken again over the weak-texture patches
+// only, those whose neighbour differences noise of the estimated level alone explains (at the
+// 99.9th percentile), until the estimate settles. The channels' variances are averaged (the
+// result is their root mean square), since one strength serves every channel.
 // When every sample lies on the 8-bit grid (k / 255), the rounding's own variance,
 // 1 / (12 x 255^2), is taken off the estimate: the result is the noise added before rounding.
 // A plane with too few patches (fewer than 784 positions, e.g. under 34 x 34) falls back to the
@@ -23,8 +26,8 @@ double EstimateNoiseLevel(std::span<const double> planes, int width, int height,
 
 // The command line's noise strength (unitless: the value a user would pass to
 // `marlith ... noise ...`) for a noise level as EstimateNoiseLevel returns it:
-//   strength = 72.4 x level^1.39,  level held to [0.0025, 0.1]
-// (0.046 at 0.5 %, 0.120 at 1 %, 0.55 at 3 %, 1.13 at 5 %), fitted by bench/noise_bench to the
+//   strength = 67.7 x level^1.369,  level held to [0.0025, 0.1]
+// (0.048 at 0.5 %, 0.124 at 1 %, 0.56 at 3 %, 1.12 at 5 %), fitted by bench/noise_bench to the
 // best fixed strengths on its calibration images (see BENCHMARKS.md). Non-decreasing in level; 0,
 // negative levels and levels under 0.25 % give the value at 0.25 %, levels over 10 % the value at
 // 10 % (outside the calibrated 0.5 to 5 % the rule is extrapolated by a factor of two at most). NaN
