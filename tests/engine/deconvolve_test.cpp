@@ -25,28 +25,11 @@ std::vector<double> Scene(int w, int h) {
   return v;
 }
 
-// The integer shift (dx, dy) within +-r that best aligns a onto b (circularly).
-std::pair<int, int> BestShift(const std::vector<double>& a, const std::vector<double>& b, int w,
-                              int h, int r) {
-  std::pair<int, int> best{0, 0};
-  double bestError = std::numeric_limits<double>::infinity();
-  for (int dy = -r; dy <= r; ++dy)
-    for (int dx = -r; dx <= r; ++dx) {
-      double e = 0.0;
-      for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-          const double d = a[((y + dy + h) % h) * w + (x + dx + w) % w] - b[y * w + x];
-          e += d * d;
-        }
-      if (e < bestError) bestError = e, best = {dx, dy};
-    }
-  return best;
-}
-
 TEST(Deconvolve, CentreOriginLeavesOffCentreBlursWhereTheyWere) {
   // Kernels whose drawn support sits well off the array centre, odd and even sized: blurred
-  // about the centre sample (w / 2, h / 2) and restored, the image must not move. The support
-  // convention centres the support instead, and does move it (which shows the test can fail).
+  // about the centre sample (w / 2, h / 2) and restored, the image must not move (a shift of one
+  // sample costs more than 15 dB on this scene). The support convention centres the support
+  // instead, and does move it (which shows the test can fail).
   const int W = 96, H = 80;
   const auto sharp = Scene(W, H);
   struct Case {
@@ -67,13 +50,11 @@ TEST(Deconvolve, CentreOriginLeavesOffCentreBlursWhereTheyWere) {
       options.kernelOrigin = origin;
       Deconvolve(ConstImageView::Planar(blurred.data(), W, H), {kernel, c.kw, c.kh},
                  ImageView::Planar(out.data(), W, H), options);
-      const auto shift = BestShift(out, sharp, W, H, 6);
-      if (origin == KernelOrigin::kCenter) {
-        EXPECT_EQ(shift, std::make_pair(0, 0)) << c.kw << " x " << c.kh;
-        EXPECT_GT(synthesis::Psnr(out, sharp, W, H), 30.0);
-      } else {
-        EXPECT_NE(shift, std::make_pair(0, 0)) << c.kw << " x " << c.kh;
-      }
+      const double psnr = synthesis::Psnr(out, sharp, W, H);
+      if (origin == KernelOrigin::kCenter)
+        EXPECT_GT(psnr, 30.0) << c.kw << " x " << c.kh;
+      else
+        EXPECT_LT(psnr, 20.0) << c.kw << " x " << c.kh;
     }
   }
 }
@@ -131,8 +112,8 @@ TEST(Deconvolve, ReadsAndWritesEverySampleTypeAndLayout) {
 }
 
 TEST(Deconvolve, RefusesBadKernelsViewsAndOptionsSayingWhich) {
-  const std::vector<double> image(20 * 20, 0.5);
-  std::vector<double> out(image.size());
+  std::vector<double> image(20 * 20, 0.5), out(image.size()), holed = image;
+  holed[2 * 20 + 3] = std::numeric_limits<double>::infinity();
   const auto in = ConstImageView::Planar(image.data(), 20, 20);
   const auto outView = ImageView::Planar(out.data(), 20, 20);
   const double nan = std::numeric_limits<double>::quiet_NaN();
@@ -157,6 +138,7 @@ TEST(Deconvolve, RefusesBadKernelsViewsAndOptionsSayingWhich) {
       {{1}, 1, 1, badThreads, in, outView, "thread count"},
       {{1}, 1, 1, {}, ConstImageView::Planar<const double>(nullptr, 20, 20), outView, "no data"},
       {{1}, 1, 1, {}, ConstImageView::Planar(image.data(), 0, 20), outView, "at least 1 x 1"},
+      {{1}, 1, 1, {}, ConstImageView::Planar(holed.data(), 20, 20), outView, "row 2, column 3"},
       {{1}, 1, 1, {}, in, ImageView::Planar(out.data(), 20, 19), "must have the image's size"},
       {std::vector<double>(25 * 3, 1.0), 25, 3, {}, in, outView, "larger than the image"},
   };
