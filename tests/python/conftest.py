@@ -65,25 +65,6 @@ def blurred_texture(h: int, w: int, kernel: np.ndarray, channels: int = 0, noise
     return img + noise * rng.standard_normal(shape)
 
 
-def blurred_photo(h: int, w: int, kernel: np.ndarray, noise: float = 0.005,
-                  seed: int = 0) -> np.ndarray:
-    """examples/earth_sharp.png (a photograph), mirrored to fill (h, w, 3), blurred with the
-    kernel (centred, replicated borders) plus white noise; float64."""
-    tile = read_image(ROOT / "examples" / "earth_sharp.png") / 255.0
-    tile = np.concatenate([tile, tile[::-1]], axis=0)
-    tile = np.concatenate([tile, tile[:, ::-1]], axis=1)
-    sharp = np.tile(tile, (-(-h // tile.shape[0]), -(-w // tile.shape[1]), 1))[:h, :w]
-    kh, kw = kernel.shape
-    p = max(kh, kw)
-    padded = np.pad(sharp, ((p, p), (p, p), (0, 0)), mode="edge")
-    k = np.zeros(padded.shape[:2])
-    k[:kh, :kw] = kernel / kernel.sum()
-    k = np.roll(k, (-(kh // 2), -(kw // 2)), axis=(0, 1))
-    blurred = np.fft.irfft2(np.fft.rfft2(padded, axes=(0, 1)) * np.fft.rfft2(k)[..., None],
-                            s=padded.shape[:2], axes=(0, 1))[p:-p, p:-p]
-    return blurred + noise * np.random.default_rng(seed).standard_normal(blurred.shape)
-
-
 def psnr(a: np.ndarray, b: np.ndarray) -> float:
     mse = float(np.mean((np.asarray(a, float) - np.asarray(b, float)) ** 2))
     return float("inf") if mse == 0 else 10 * np.log10(1.0 / mse)
