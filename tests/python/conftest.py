@@ -2,11 +2,11 @@
 PYTHONPATH=build/python; --marlith-exe (or MARLITH_EXE) names the command-line executable."""
 
 import os
-import subprocess
 from pathlib import Path
 
 import numpy as np
 import pytest
+from PIL import Image
 
 # The machines the suite runs on are shared: OpenMP threads that spin while waiting for work
 # make a run on a busy machine ten times slower. Results do not depend on this. Set before
@@ -35,13 +35,8 @@ def marlith_exe(request) -> Path:
 
 
 def read_image(path) -> np.ndarray:
-    """An image file as uint8 (H, W, 3), read through GraphicsMagick's binary PPM."""
-    data = subprocess.run(["gm", "convert", str(path), "ppm:-"], check=True,
-                          capture_output=True).stdout
-    magic, w, h, top, pixels = data.split(maxsplit=4)
-    assert magic == b"P6" and top == b"255", "8-bit colour PPM expected"
-    w, h = int(w), int(h)
-    return np.frombuffer(pixels, np.uint8, w * h * 3).reshape(h, w, 3)
+    """An image file as uint8 (H, W, 3)."""
+    return np.asarray(Image.open(path).convert("RGB"))
 
 
 def blurred_texture(h: int, w: int, kernel: np.ndarray, channels: int = 0, noise: float = 0.005,
