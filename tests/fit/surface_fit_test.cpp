@@ -45,6 +45,8 @@ TEST(ResolveSurfaceFitStages, DefaultSchedulesSplitTheIterations) {
 }
 
 TEST(FitSurface, HarmonicFillsReproduceBilinearDataAndLinearSidesBlendBackwards) {
+  // u = a + b x + c y + d x y is discrete-harmonic for any spacing: the fill reproduces it from
+  // its sides, on odd rectangles and, through the resampling of even sizes, on even ones.
   const int W = 12, H = 10;
   std::vector<double> in(W * H), out(W * H), mask(W * H, 0.0);
   for (int i = 0; i < W * H; ++i)
@@ -52,10 +54,16 @@ TEST(FitSurface, HarmonicFillsReproduceBilinearDataAndLinearSidesBlendBackwards)
   std::vector<double> noisy = in;
   for (int y = 4; y <= 6; ++y)
     for (int x = 3; x <= 7; ++x) noisy[y * W + x] = 5.0;  // inside the sides: replaced by the fill
-  for (auto fit : {fitSurfaceLinearSides, fitSurfaceNeumannSides}) {
-    fit(Request(noisy, out, mask, W, H, 2, 8, 3, 7));
-    for (int i = 0; i < W * H; ++i) EXPECT_NEAR(out[i], in[i], 1e-12) << i;
-  }
+  for (auto fit : {fitSurfaceLinearSides, fitSurfaceNeumannSides})
+    for (auto [x1, y1] : {std::pair{8, 7}, {9, 8}, {8, 8}}) {
+      fit(Request(noisy, out, mask, W, H, 2, x1, 3, y1));
+      for (int i = 0; i < W * H; ++i) EXPECT_NEAR(out[i], in[i], 1e-12) << x1 << " " << y1;
+    }
+  // One sample wide, the Neumann fill is the straight line between the first and last rows.
+  const std::vector<double> column{0.2, 9, 9, 9, 1.0};
+  std::vector<double> line(5);
+  fitSurfaceNeumannSides(Request(column, line, mask, 1, 5, -1, 0, 0, 4));
+  for (int y = 0; y < 5; ++y) EXPECT_NEAR(line[y], 0.2 + 0.2 * y, 1e-12) << y;
   // Full width over rows 0..4 (x1 ignored): column 0 runs 0 to 1; its side entries are
   // ((4 - k) x 1 + k x 0) / 4 inside. Full height (y1 ignored): rows keep their own corners.
   std::vector<double> step(7 * 5, 0.0), other(7 * 5);
