@@ -3,11 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <tuple>
 
-#include "image/image_container.h"
-#include "image/plane_saving.h"
 #include "support/test_support.h"
 
 namespace marlith {
@@ -23,25 +20,6 @@ SurfaceFitRequest Request(const std::vector<double>& in, std::vector<double>& ou
   std::tie(r.width, r.height, r.stageCount, r.x0, r.x1, r.y0, r.y1) =
       std::tuple(W, H, 0, x0, x1, y0, y1);
   return r;
-}
-
-TEST(ResolveSurfaceFitStages, DefaultSchedulesSplitTheIterations) {
-  // stageCount, iterations -> (filter id, repeats) of the first two stages
-  const std::tuple<int, int, SurfaceFitStage, SurfaceFitStage> rows[] = {
-      {-1, 3, {6, 3}, {1, 0}}, {-1, -1, {6, 4}, {1, 46}}, {-2, -1, {6, 2}, {1024, 48}}};
-  for (auto [count, iterations, first, second] : rows) {
-    SurfaceFitRequest r;
-    std::tie(r.stageCount, r.iterations) = std::tuple(count, iterations);
-    const auto s = resolveSurfaceFitStages(r);
-    EXPECT_EQ(s.count, 2);
-    EXPECT_EQ(std::tie(s.stages[0].filterId, s.stages[0].repeats, s.stages[1].filterId,
-                       s.stages[1].repeats),
-              std::tie(first.filterId, first.repeats, second.filterId, second.repeats))
-        << count << " " << iterations;
-  }
-  SurfaceFitRequest own;
-  std::tie(own.stageCount, own.stages[0]) = std::tuple(1, SurfaceFitStage{2, 7});
-  EXPECT_EQ(resolveSurfaceFitStages(own).stages[0].repeats, 7);
 }
 
 TEST(FitSurface, HarmonicFillsReproduceBilinearDataAndLinearSidesBlendBackwards) {
@@ -109,10 +87,13 @@ TEST(FitSurface, SmoothingKeepsMaskedDataExactlyAndCarriesKernelsOver) {
   const auto in = test::RandomValues(W * H, 3, 0.0, 1.0);
   std::vector<double> mask(W * H, 0.0);
   for (int i = 0; i < W * H; i += 3) mask[i] = 1.0;
-  auto run = [&](std::vector<SurfaceFitStage> stages, bool inPlace = false) {
+  // The stages given, or a default schedule (count -1 or -2) of the given iterations.
+  auto run = [&](std::vector<SurfaceFitStage> stages, bool inPlace = false, int32_t count = 0,
+                 int32_t iterations = -1) {
     std::vector<double> out = in;
     auto r = Request(inPlace ? out : in, out, mask, W, H, 3, 11, 2, 8);
-    r.stageCount = static_cast<int32_t>(stages.size());
+    r.stageCount = count ? count : static_cast<int32_t>(stages.size());
+    r.iterations = iterations;
     std::copy(stages.begin(), stages.end(), r.stages.begin());
     fitSurfaceNeumannSides(r);
     return out;
@@ -125,35 +106,34 @@ TEST(FitSurface, SmoothingKeepsMaskedDataExactlyAndCarriesKernelsOver) {
   EXPECT_EQ(run({{1, 1}, {7, 1}}), smoothed);
   EXPECT_EQ(run({{7, 4}}), unsmoothed);
   EXPECT_EQ(run({{2, 1}, {1024, 3}, {9, 2}}), run({{2, 1}}));
+  // The defaults: kernel 6 for up to 4 (-1) or 2 (-2) of the iterations (-1 meaning 50), then
+  // kernel 1 (-1) or the empty one (-2) for the rest.
+  EXPECT_EQ(run({}, false, -1, -1), run({{6, 4}, {1, 46}}));
+  EXPECT_EQ(run({}, false, -1, 3), run({{6, 3}}));
+  EXPECT_EQ(run({}, false, -2, 7), run({{6, 2}}));
 }
 
-TEST(FitSurfaceDebug, PoissonFillGivesBackCubicDataAndWritesItsDebugImage) {
+TEST(FitSurfaceDebug, PoissonFillGivesBackCubicDataAndHandsItToTheWriter) {
   // The right-hand side is the data's 3 x 3 Laplacian, exact for cubic data away from the
   // plane's edges; on a square patch the fill returns the data. A rectangle inside a larger
   // plane, one that is the plane, and one a sample in.
-  test::TempDir dir;
-  const auto previous = std::filesystem::current_path();
-  std::filesystem::current_path(dir.path());
   auto q = [](double x, double y) {
     return 0.3 + 0.004 * x * x - 0.002 * y * y + 0.003 * x * y + 2e-4 * x * x * x -
            1e-4 * y * y * y;
   };
   for (auto [W, H, x0, y0, side] :
        {std::tuple{12, 10, 3, 2, 7}, std::tuple{9, 9, 0, 0, 9}, std::tuple{9, 9, 1, 1, 7}}) {
-    std::vector<double> in(W * H), out(W * H), mask(W * H, 0.0);
+    std::vector<double> in(W * H), out(W * H), mask(W * H, 0.0), written;
     for (int i = 0; i < W * H; ++i) in[i] = q(i % W, i / W);
     auto r = Request(in, out, mask, W, H, x0, x0 + side - 1, y0, y0 + side - 1);
-    r.debugWriter = WriteSurfaceFitDebugImage;
+    r.debugWriter = [&](std::span<const double> plane, int32_t w, int32_t h) {
+      EXPECT_EQ(w * 100 + h, W * 100 + H);
+      written.assign(plane.begin(), plane.end());
+    };
     fitSurfaceDebug(r);
     for (int i = 0; i < W * H; ++i) EXPECT_NEAR(out[i], in[i], 1e-12) << W << " " << i;
-    // The image is the filled plane at sample x 255, truncated.
-    CxImage saved;
-    ASSERT_TRUE(saved.Load("surfaceFitOut1.png", kImageTypePng));
-    ASSERT_EQ(saved.GetWidth() * 100 + saved.GetHeight(), W * 100 + H);
-    for (int i = 0; i < W * H; ++i)
-      EXPECT_EQ(saved.GetPixelColor(i % W, i / W).red, int(std::clamp(out[i], 0.0, 1.0) * 255.0));
+    EXPECT_EQ(written, out);  // no smoothing stages: the filled plane is the result
   }
-  std::filesystem::current_path(previous);
 }
 
 }  // namespace
