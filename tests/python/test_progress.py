@@ -46,30 +46,21 @@ def test_an_exception_from_the_callable_stops_the_run(image):
     assert calls[-1] == "deconvolution"  # not called again once it raised
 
 
-# A run long enough (several seconds) for an interrupt to land in it.
-def long_run(**options):
-    big = np.clip(blurred_texture(1024, 1024, KERNEL), 0, 1)
-    return lambda: marlith.deconvolve(big, KERNEL, noise=0.001, boundary="periodic", threads=1,
-                                      **options)
-
-
 @pytest.mark.parametrize("with_callable", [False, True])
 def test_sigint_during_a_run_raises_keyboard_interrupt_after_the_library_unwound(with_callable):
+    # A run long enough (several seconds) for an interrupt to land in it.
+    big = np.clip(blurred_texture(1024, 1024, KERNEL), 0, 1)
     seen = []
     started = threading.Event()
-    if with_callable:
-        def progress(phase, fraction):
-            seen.append(phase)
-            started.set()
-        run = long_run(progress=progress)
-    else:
-        run = long_run()
+    progress = (lambda phase, _: seen.append(phase) or started.set()) if with_callable else None
+    if not with_callable:
         threading.Timer(0.2, started.set).start()
     sender = threading.Thread(target=lambda: started.wait() and os.kill(os.getpid(),
                                                                          signal.SIGINT))
     sender.start()
     with pytest.raises(KeyboardInterrupt):
-        run()
+        marlith.deconvolve(big, KERNEL, noise=0.001, boundary="periodic", threads=1,
+                           progress=progress)
     sender.join()
     assert "done" not in seen
     # The library is left usable.
