@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <limits>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "bench/synthesis.h"
@@ -25,28 +27,11 @@ std::vector<double> Scene(int w, int h) {
   return v;
 }
 
-// The integer shift (dx, dy) within +-r that best aligns a onto b (circularly).
-std::pair<int, int> BestShift(const std::vector<double>& a, const std::vector<double>& b, int w,
-                              int h, int r) {
-  std::pair<int, int> best{0, 0};
-  double bestError = std::numeric_limits<double>::infinity();
-  for (int dy = -r; dy <= r; ++dy)
-    for (int dx = -r; dx <= r; ++dx) {
-      double e = 0.0;
-      for (int y = 0; y < h; ++y)
-        for (int x = 0; x < w; ++x) {
-          const double d = a[((y + dy + h) % h) * w + (x + dx + w) % w] - b[y * w + x];
-          e += d * d;
-        }
-      if (e < bestError) bestError = e, best = {dx, dy};
-    }
-  return best;
-}
-
 TEST(Deconvolve, CentreOriginLeavesOffCentreBlursWhereTheyWere) {
   // Kernels whose drawn support sits well off the array centre, odd and even sized: blurred
-  // about the centre sample (w / 2, h / 2) and restored, the image must not move. The support
-  // convention centres the support instead, and does move it (which shows the test can fail).
+  // about the centre sample (w / 2, h / 2) and restored, the image must not move (a shift of one
+  // sample costs more than 15 dB on this scene). The support convention centres the support
+  // instead, and does move it (which shows the test can fail).
   const int W = 96, H = 80;
   const auto sharp = Scene(W, H);
   struct Case {
@@ -67,21 +52,20 @@ TEST(Deconvolve, CentreOriginLeavesOffCentreBlursWhereTheyWere) {
       options.kernelOrigin = origin;
       Deconvolve(ConstImageView::Planar(blurred.data(), W, H), {kernel, c.kw, c.kh},
                  ImageView::Planar(out.data(), W, H), options);
-      const auto shift = BestShift(out, sharp, W, H, 6);
-      if (origin == KernelOrigin::kCenter) {
-        EXPECT_EQ(shift, std::make_pair(0, 0)) << c.kw << " x " << c.kh;
-        EXPECT_GT(synthesis::Psnr(out, sharp, W, H), 30.0);
-      } else {
-        EXPECT_NE(shift, std::make_pair(0, 0)) << c.kw << " x " << c.kh;
-      }
+      const double psnr = synthesis::Psnr(out, sharp, W, H);
+      if (origin == KernelOrigin::kCenter)
+        EXPECT_GT(psnr, 30.0) << c.kw << " x " << c.kh;
+      else
+        EXPECT_LT(psnr, 20.0) << c.kw << " x " << c.kh;
     }
   }
 }
 
 TEST(Deconvolve, ReadsAndWritesEverySampleTypeAndLayout) {
-  // One colour image through uint8 interleaved, uint16 planar, float32 and a strided double
-  // view (every other column): the results agree to each type's resolution.
-  const int W = 40, H = 30;
+  // One colour image on the 8-bit grid through uint8 interleaved, uint16 planar, float32 planar
+  // and a strided double view (every other column), each restored in place: the results agree
+  // with the planar double one to each type's resolution, integers rounded and clipped.
+  const int W = 40, H = 30, n = W * H * 3;
   std::vector<double> planes;
   for (int c = 0; c < 3; ++c) {
     auto p = Scene(W, H);
@@ -91,48 +75,38 @@ TEST(Deconvolve, ReadsAndWritesEverySampleTypeAndLayout) {
   const std::vector<double> kernel{1, 2, 1, 2, 4, 2, 1, 2, 1};
   DeconvolveOptions options;
   options.noise = 0.1;
-  std::vector<double> reference(planes.size());
+  std::vector<double> reference(n);
   Deconvolve(ConstImageView::Planar(planes.data(), W, H, 3), {kernel, 3, 3},
              ImageView::Planar(reference.data(), W, H, 3), options);
-
-  auto at = [&](int x, int y, int c) { return planes[(c * H + y) * W + x]; };
-  std::vector<uint8_t> u8(W * H * 3);
-  std::vector<uint16_t> u16(W * H * 3);
-  std::vector<float> f32(W * H * 3);
-  std::vector<double> strided(2 * W * H * 3, -7.0);
-  for (int c = 0; c < 3; ++c)
-    for (int y = 0; y < H; ++y)
-      for (int x = 0; x < W; ++x) {
-        u8[(y * W + x) * 3 + c] = static_cast<uint8_t>(std::lround(at(x, y, c) * 255));
-        u16[(c * H + y) * W + x] = static_cast<uint16_t>(std::lround(at(x, y, c) * 65535));
-        f32[(c * H + y) * W + x] = static_cast<float>(at(x, y, c));
-        strided[(c * H + y) * 2 * W + 2 * x] = at(x, y, c);
-      }
-  ImageView stridedView{strided.data(), SampleType::kFloat64, W, H, 3, 2, 2 * W, 2 * W * H};
-  Deconvolve(ConstImageView::Interleaved(u8.data(), W, H, 3), {kernel, 3, 3},
-             ImageView::Interleaved(u8.data(), W, H, 3), options);  // in place
-  Deconvolve(ConstImageView::Planar(u16.data(), W, H, 3), {kernel, 3, 3},
-             ImageView::Planar(u16.data(), W, H, 3), options);
-  Deconvolve(ConstImageView::Planar(f32.data(), W, H, 3), {kernel, 3, 3},
-             ImageView::Planar(f32.data(), W, H, 3), options);
-  Deconvolve(stridedView, {kernel, 3, 3}, stridedView, options);
-  for (int c = 0; c < 3; ++c)
-    for (int y = 0; y < H; ++y)
-      for (int x = 0; x < W; ++x) {
-        const double r = reference[(c * H + y) * W + x];
-        const double clipped = std::clamp(r, 0.0, 1.0);
-        ASSERT_NEAR(u8[(y * W + x) * 3 + c], clipped * 255, 0.5 + 1e-9);
-        ASSERT_NEAR(u16[(c * H + y) * W + x], clipped * 65535, 0.5 + 1e-6);
-        ASSERT_NEAR(f32[(c * H + y) * W + x], r, 1e-6);  // float input, unclipped output
-        // Later runs of a size may use measured transform plans: rounding differs.
-        ASSERT_NEAR(strided[(c * H + y) * 2 * W + 2 * x], r, 1e-12);
-        ASSERT_EQ(strided[(c * H + y) * 2 * W + 2 * x + 1], -7.0);  // gaps untouched
-      }
+  auto check = [&]<typename T>(T* data, const ImageView& view, double top, double tolerance) {
+    auto at = [&](int i) -> T& {  // i counts planar samples
+      return data[i % W * view.columnStride + i / W % H * view.rowStride +
+                  i / (W * H) * view.channelStride];
+    };
+    for (int i = 0; i < n; ++i)
+      at(i) = top ? static_cast<T>(std::lround(planes[i] * top)) : static_cast<T>(planes[i]);
+    Deconvolve(view, {kernel, 3, 3}, view, options);
+    for (int i = 0; i < n; ++i)
+      ASSERT_NEAR(at(i), top ? std::clamp(reference[i], 0.0, 1.0) * top : reference[i], tolerance)
+          << i;
+  };
+  std::vector<uint8_t> u8(n);
+  std::vector<uint16_t> u16(n);
+  std::vector<float> f32(n);
+  const int row = 2 * W + 3;  // every other column of rows with a gap at their end
+  std::vector<double> strided(row * H * 3, -7.0);
+  check(u8.data(), ImageView::Interleaved(u8.data(), W, H, 3), 255, 0.5 + 1e-9);
+  check(u16.data(), ImageView::Planar(u16.data(), W, H, 3), 65535, 0.5 + 1e-6);
+  check(f32.data(), ImageView::Planar(f32.data(), W, H, 3), 0, 1e-6);  // not clipped
+  // Later runs of a size may use measured transform plans: rounding differs.
+  check(strided.data(), {strided.data(), SampleType::kFloat64, W, H, 3, 2, row, row * H}, 0, 1e-12);
+  // The gaps are untouched.
+  EXPECT_EQ(std::count(strided.begin(), strided.end(), -7.0), std::ssize(strided) - n);
 }
 
 TEST(Deconvolve, RefusesBadKernelsViewsAndOptionsSayingWhich) {
-  const std::vector<double> image(20 * 20, 0.5);
-  std::vector<double> out(image.size());
+  std::vector<double> image(20 * 20, 0.5), out(image.size()), holed = image;
+  holed[2 * 20 + 3] = std::numeric_limits<double>::infinity();
   const auto in = ConstImageView::Planar(image.data(), 20, 20);
   const auto outView = ImageView::Planar(out.data(), 20, 20);
   const double nan = std::numeric_limits<double>::quiet_NaN();
@@ -157,6 +131,7 @@ TEST(Deconvolve, RefusesBadKernelsViewsAndOptionsSayingWhich) {
       {{1}, 1, 1, badThreads, in, outView, "thread count"},
       {{1}, 1, 1, {}, ConstImageView::Planar<const double>(nullptr, 20, 20), outView, "no data"},
       {{1}, 1, 1, {}, ConstImageView::Planar(image.data(), 0, 20), outView, "at least 1 x 1"},
+      {{1}, 1, 1, {}, ConstImageView::Planar(holed.data(), 20, 20), outView, "row 2, column 3"},
       {{1}, 1, 1, {}, in, ImageView::Planar(out.data(), 20, 19), "must have the image's size"},
       {std::vector<double>(25 * 3, 1.0), 25, 3, {}, in, outView, "larger than the image"},
   };
@@ -195,6 +170,27 @@ TEST(Deconvolve, ProgressRisesToOneAndAFalseAnswerCancels) {
                  Cancelled);
     EXPECT_EQ(calls, 2);
   }
+}
+
+TEST(Deconvolve, ConcurrentCallsGiveTheSerialResult) {
+  // Every call plans its transforms, and FFTW's planner must be held by one thread at a time.
+  // With the disk cache of plans off the three calls all measure the size, at once.
+  ASSERT_EQ(setenv("MARLITH_FFTW_WISDOM", "off", 1), 0);
+  const int W = 48, H = 40;
+  const auto image = Scene(W, H);
+  const std::vector<double> kernel{1, 3, 1, 3, 9, 3, 1, 3, 1};
+  std::vector<std::vector<double>> outs(4, std::vector<double>(image.size()));
+  auto run = [&](double* out) {
+    Deconvolve(ConstImageView::Planar(image.data(), W, H), {kernel, 3, 3},
+               ImageView::Planar(out, W, H));
+  };
+  run(outs[0].data());
+  std::vector<std::thread> threads;
+  for (int t = 1; t < 4; ++t) threads.emplace_back(run, outs[t].data());
+  for (auto& t : threads) t.join();
+  // Later runs of a size may use measured transform plans: rounding differs.
+  for (int t = 1; t < 4; ++t)
+    for (size_t i = 0; i < image.size(); ++i) ASSERT_NEAR(outs[t][i], outs[0][i], 1e-12) << t;
 }
 
 TEST(NextFastSize, IsTheSmallestEvenSizeWithFactorsTwoToSevenOnly) {

@@ -6,8 +6,6 @@
 
 #include "engine/engine_driver.h"
 #include "marlith/error.hpp"
-#include "plane/plane_padding.h"
-#include "reference_solver.h"
 #include "support/test_support.h"
 
 namespace marlith {
@@ -31,21 +29,6 @@ TEST(PrepareWorkingPlanes, AnyNonZeroBoundaryTypeAddsThreeKernelSizesOfMarginEac
   }
   DeconvRequest tooLarge{image.data(), nullptr, kernel.data(), 8, 5, 1, 7, 7, 0.0005, 20, 0};
   EXPECT_THROW(PrepareWorkingPlanes(tooLarge), Error);
-}
-
-TEST(RunDeconvEngine, AKernelAsWideAsTheImageButShorterMatchesTheReference) {
-  // A 6 x 1 line, bordered to 8 x 3 on an 8 x 12 image: no room left across, some down.
-  constexpr int W = 8, H = 12;
-  const auto input = test::RandomValues(W * H, 3, 0.0, 1.0);
-  const std::vector<double> kernel = {1 / 12.0, 2 / 12.0, 3 / 12.0, 3 / 12.0, 2 / 12.0, 1 / 12.0};
-  std::vector<double> output(W * H);
-  DeconvRequest request{input.data(), output.data(), kernel.data(), W, H, 1, 6, 1, 0.0005, 20, 0};
-  ASSERT_EQ(RunDeconvEngine(request, kFrequencySolverVariant), 0);
-  test::ReferenceSettings settings;
-  settings.localPriorWeight = 20;
-  const auto bordered = PadCenteredUp(std::span<const double>(kernel), 6, 1, 8, 3);
-  const auto expected = test::ReferenceSolve(input, W, H, bordered, 8, 3, settings);
-  for (int i = 0; i < W * H; ++i) EXPECT_NEAR(output[i], expected[i], 1e-9) << i;
 }
 
 }  // namespace

@@ -67,33 +67,38 @@ TEST(SolverEquivalence, FastSolverMatchesThePlainReferenceTo1e9) {
   }
 }
 
-TEST(SolverEquivalence, EngineRunMatchesTheReferenceOnEvenSizedPlanesCroppedBack) {
-  // An odd 27 x 19 three-channel image: extended to 28 x 20, solved, cropped back.
-  constexpr int w = 27, h = 19, W = 28, H = 20;
-  const auto input = test::RandomValues(3 * w * h, 5, 0.0, 1.0);
-  std::vector<double> kernel(5 * 5, 0.0);
-  for (int i = 0; i < 5; ++i) kernel[i * 5 + i] = 1.0 / 5;  // a diagonal line
-  std::vector<double> output(input.size());
-  DeconvRequest request{input.data(), output.data(), kernel.data(), w, h, 3, 5, 5, 0.0005, 20, 0};
-  ASSERT_EQ(RunDeconvEngine(request, kFrequencySolverVariant), 0);
-
-  // The engine hands the solver the kernel with a zero border: 7 x 7.
-  const auto bordered = PadCenteredUp(std::span<const double>(kernel), 5, 5, 7, 7);
-  test::ReferenceSettings settings;
-  settings.localPriorWeight = 20;
-  for (int c = 0; c < 3; ++c) {
-    std::vector<double> even(W * H);
-    for (int y = 0; y < H; ++y)
-      for (int x = 0; x < W; ++x)
-        even[y * W + x] = input[c * w * h + std::min(y, h - 1) * w + std::min(x, w - 1)];
-    const auto solved = test::ReferenceSolve(even, W, H, bordered, 7, 7, settings);
-    std::vector<double> cropped(w * h);
-    for (int y = 0; y < h; ++y)
-      for (int x = 0; x < w; ++x) cropped[y * w + x] = solved[y * W + x];  // offsets (1/2, 1/2) = 0
-    EXPECT_LT(
-        MaxRelativeDifference(std::span<const double>(output).subspan(c * w * h, w * h), cropped),
-        1e-9)
-        << "channel " << c;
+TEST(SolverEquivalence, EngineRunsMatchTheReferenceOnEvenSizedPlanesCroppedBack) {
+  // An odd 27 x 19 three-channel image with a diagonal line, extended to 28 x 20 by repeating
+  // its last column and row, solved and cropped back; a 6 x 1 line, bordered to 8 x 3, on an
+  // 8 x 12 image: no room left across, some down.
+  std::vector<double> diagonal(5 * 5, 0.0);
+  for (int i = 0; i < 5; ++i) diagonal[i * 5 + i] = 1.0 / 5;
+  const std::vector<double> line = {1 / 12.0, 2 / 12.0, 3 / 12.0, 3 / 12.0, 2 / 12.0, 1 / 12.0};
+  struct Run {
+    int w, h, channels;
+    const std::vector<double>& kernel;
+    int kw, kh;
+  };
+  for (const Run& c : {Run{27, 19, 3, diagonal, 5, 5}, Run{8, 12, 1, line, 6, 1}}) {
+    const int W = c.w + c.w % 2, H = c.h + c.h % 2, n = c.w * c.h;
+    const auto input = test::RandomValues(c.channels * n, 5, 0.0, 1.0);
+    std::vector<double> output(input.size());
+    DeconvRequest request{input.data(), output.data(), c.kernel.data(), c.w, c.h, c.channels,
+                          c.kw,         c.kh,          0.0005,          20,  0};
+    ASSERT_EQ(RunDeconvEngine(request, kFrequencySolverVariant), 0);
+    // The engine hands the solver the kernel with a zero border.
+    const auto bordered = PadCenteredUp(std::span(c.kernel), c.kw, c.kh, c.kw + 2, c.kh + 2);
+    test::ReferenceSettings settings;
+    settings.localPriorWeight = 20;
+    for (int ch = 0; ch < c.channels; ++ch) {
+      std::vector<double> even(W * H), cropped(n);
+      for (int i = 0; i < W * H; ++i)
+        even[i] = input[ch * n + std::min(i / W, c.h - 1) * c.w + std::min(i % W, c.w - 1)];
+      const auto solved = test::ReferenceSolve(even, W, H, bordered, c.kw + 2, c.kh + 2, settings);
+      for (int i = 0; i < n; ++i) cropped[i] = solved[i / c.w * W + i % c.w];  // offsets 0
+      EXPECT_LT(MaxRelativeDifference(std::span(output).subspan(ch * n, n), cropped), 1e-9)
+          << c.w << " x " << c.h << ", channel " << ch;
+    }
   }
 }
 

@@ -65,20 +65,5 @@ TEST(SolvePoissonPatch, AgreesWithADirectSolveOnOddPatchesAndIgnoresNeumannArray
     }
 }
 
-TEST(SolveHarmonicPatch, ReproducesBilinearDataOnOddEvenAndOneWidePatches) {
-  // u = a + b x + c y + d x y is discrete-harmonic for any spacing: the fill reproduces it from
-  // its sides, also through the resampling of even sizes. One sample wide with Neumann column
-  // sides, the fill is the straight line between the first and last rows.
-  auto f = [](double x, double y) { return 0.3 + 0.05 * x - 0.02 * y + 0.004 * x * y; };
-  for (auto [W, H, code] : {std::tuple{9, 7, "DDDD"}, std::tuple{10, 7, "DDDD"},
-                            std::tuple{8, 12, "DDDD"}, std::tuple{1, 5, "NNDD"}}) {
-    HarmonicPatch p = PatchFrom(W, H, code, f);
-    solveHarmonicPatch(p);
-    ASSERT_EQ(p.solution.size(), size_t(W * H));
-    for (int i = 0; i < W * H; ++i)
-      EXPECT_NEAR(p.solution[i], f(i % W, i / W), 1e-12) << W << "x" << H;
-  }
-}
-
 }  // namespace
 }  // namespace marlith

@@ -21,38 +21,28 @@ def colour(channels: int = 3) -> np.ndarray:
 
 
 def reference(image: np.ndarray, **options) -> np.ndarray:
-    """The float64 result, computed on a C-ordered float64 copy of the image on [0, 1]."""
+    """The float64 result, channel by channel, on C-ordered float64 planes on [0, 1]."""
     scale = {np.uint8: 1 / 255, np.uint16: 1 / 65535}.get(image.dtype.type, 1.0)
-    return marlith.deconvolve(np.ascontiguousarray(image, np.float64) * scale, KERNEL, **options)
+    planes = np.atleast_3d(image).astype(np.float64) * scale
+    return np.dstack([marlith.deconvolve(np.ascontiguousarray(planes[..., c]), KERNEL, **options)
+                      for c in range(planes.shape[2])]).reshape(image.shape)
 
 
 @pytest.mark.parametrize("dtype", [np.uint8, np.uint16, np.float32, np.float64])
 @pytest.mark.parametrize("channels", [0, 1, 3, 4])
 def test_keeps_shape_and_dtype_and_scales_samples_by_their_range(dtype, channels):
-    image = colour(channels or 1) if channels else colour(1)[..., 0]
-    if np.issubdtype(dtype, np.integer):
-        image = np.round(image * np.iinfo(dtype).max).astype(dtype)
-    else:
-        image = image.astype(dtype)
+    image = colour(channels) if channels else colour(1)[..., 0]
+    top = np.iinfo(dtype).max if np.issubdtype(dtype, np.integer) else 0
+    image = np.round(image * top).astype(dtype) if top else image.astype(dtype)
     out = marlith.deconvolve(image, KERNEL, noise=0.05)
     assert out.shape == image.shape and out.dtype == image.dtype
-    colour_part = image[..., :3] if channels == 4 else image
-    expected = reference(colour_part, noise=0.05)
-    if np.issubdtype(dtype, np.integer):
-        top = np.iinfo(dtype).max
-        expected = np.rint(np.clip(expected, 0, 1) * top).astype(dtype)
-    else:
-        expected = expected.astype(dtype)  # computed in double, stored as given
-    np.testing.assert_array_equal(out[..., :3] if channels == 4 else out, expected)
+    expected = reference(image[..., :3] if channels == 4 else image, noise=0.05)
+    if top:
+        expected = np.rint(np.clip(expected, 0, 1) * top)
+    # Floating-point results are computed in double and stored as given.
+    np.testing.assert_array_equal(out[..., :3] if channels == 4 else out, expected.astype(dtype))
     if channels == 4:
         np.testing.assert_array_equal(out[..., 3], image[..., 3])
-
-
-def test_restores_each_channel_on_its_own():
-    image = colour(3)
-    out = marlith.deconvolve(image, KERNEL, noise=0.05)
-    for c in range(3):
-        np.testing.assert_array_equal(out[..., c], reference(image[..., c], noise=0.05))
 
 
 @pytest.mark.parametrize(
@@ -92,16 +82,11 @@ def test_float_result_truncated_is_the_command_lines_output(tmp_path, marlith_ex
     np.testing.assert_array_equal(saved, read_image(out_png))
 
 
-def test_estimate_noise_finds_white_noise_added_to_a_blurred_image():
-    rng = np.random.default_rng(5)
+def test_estimate_noise_reads_8_bit_samples_and_leaves_alpha_out():
     base = np.clip(blurred_texture(128, 128, KERNEL, noise=0), 0, 1)
-    for sigma in (0.005, 0.02):
-        level, strength = marlith.estimate_noise(base + sigma * rng.standard_normal(base.shape))
-        assert level == pytest.approx(sigma, rel=0.15)
-        assert strength > 0
-    lo, hi = (marlith.estimate_noise(base + s * rng.standard_normal(base.shape)).strength
-              for s in (0.005, 0.02))
-    assert hi > lo
+    noisy = base + 0.02 * np.random.default_rng(5).standard_normal(base.shape)
+    eight_bit = np.uint8(np.round(np.clip(noisy, 0, 1) * 255))
+    assert marlith.estimate_noise(eight_bit).level == pytest.approx(0.02, rel=0.15)
     rgba = np.dstack([colour(3), np.zeros((H, W))])
     assert marlith.estimate_noise(rgba) == marlith.estimate_noise(rgba[..., :3])
 
@@ -111,21 +96,12 @@ BAD = [
     (dict(image=GREY.astype(np.int32)), TypeError, "uint8, uint16, float32 or float64, not int32"),
     (dict(image=np.zeros(32)), TypeError, "2-D .* or 3-D .* not 1-D"),
     (dict(image=np.zeros((32, 32, 2))), ValueError, "has 2 channels"),
-    (dict(image=np.zeros((0, 32))), ValueError, "the image must be at least 1 x 1 x 1"),
-    (dict(image=np.where(np.eye(32) > 0, np.nan, 0.5)), ValueError, "not a finite number"),
     (dict(kernel=np.ones((3, 3), complex)), TypeError, "real numbers, not complex128"),
     (dict(kernel=np.ones(3)), TypeError, "2-D array"),
-    (dict(kernel=-np.ones((3, 3))), ValueError, "the kernel holds a negative value"),
     (dict(kernel=np.zeros((3, 3))), ValueError, "the kernel sums to 0"),
-    (dict(kernel=np.ones((40, 40))), ValueError, r"the kernel \(.*\) is larger than the image"),
-    (dict(noise=-1), ValueError, "the noise strength must be a finite number of at least 0"),
-    (dict(noise=float("inf")), ValueError, "the noise strength must be a finite number"),
     (dict(noise="loud"), ValueError, "'auto' or a number, not 'loud'"),
     (dict(noise=[0.1]), TypeError, "'auto' or a number, not list"),
     (dict(boundary="wavy"), ValueError, "the boundary option has no value 'wavy'"),
-    (dict(margins="wide"), ValueError, "the margins option has no value 'wide'"),
-    (dict(kernel_origin="top"), ValueError, "the kernel_origin option has no value 'top'"),
-    (dict(threads=-1), ValueError, r"the thread count must be 0 \(every core\) or more, not -1"),
     (dict(threads=1.5), TypeError, "None .* or an integer, not float"),
     (dict(progress="yes"), TypeError, "progress is True, False or a callable"),
 ]
@@ -140,27 +116,28 @@ def test_refuses_bad_arguments_in_the_librarys_words(change, error, words):
         marlith.deconvolve(args["image"], args["kernel"], **options)
 
 
-def test_threads_run_in_parallel_with_the_serial_results():
-    images = [np.clip(blurred_texture(384, 384, KERNEL, seed=s), 0, 1) for s in (1, 2)]
-    options = dict(noise=0.01, boundary="periodic", threads=1)
-    serial = [marlith.deconvolve(im, KERNEL, **options) for im in images]
-    spans, results = {}, {}
+def test_other_threads_run_while_the_library_works():
+    # The GIL is released for the run: a thread of pure Python counts on through it at about its
+    # own pace. (Runs in threads give the serial results: the options API's concurrency test.)
+    image = np.clip(blurred_texture(384, 384, KERNEL), 0, 1)
+    done, counts = threading.Event(), [0]
 
-    def work(i):
-        stamps = []
-        results[i] = marlith.deconvolve(images[i], KERNEL, **options,
-                                        progress=lambda *_: stamps.append(time.perf_counter()))
-        spans[i] = (stamps[0], stamps[-1])  # the engine's first and last callback
+    def count():
+        while not done.is_set():
+            counts[0] += 1
 
-    threads = [threading.Thread(target=work, args=(i,)) for i in (0, 1)]
-    for t in threads:
-        t.start()
-    for t in threads:
-        t.join()
-    for i in (0, 1):  # later runs of a size may use measured plans: rounding differs
-        np.testing.assert_allclose(results[i], serial[i], rtol=0, atol=1e-12)
-    # The runs overlap in time: each started before the other finished.
-    assert max(s[0] for s in spans.values()) < min(s[1] for s in spans.values())
+    def rate(work):
+        before, start = counts[0], time.perf_counter()
+        work()
+        return (counts[0] - before) / (time.perf_counter() - start)
+
+    counter = threading.Thread(target=count)
+    counter.start()
+    alone = rate(lambda: time.sleep(0.1))
+    running = rate(lambda: marlith.deconvolve(image, KERNEL, noise=0.01, threads=1))
+    done.set()
+    counter.join()
+    assert running > 0.25 * alone, (running, alone)
 
 
 def test_version_and_docstring_examples():
