@@ -26,10 +26,12 @@ bool LoadImage(CxImage& image, const std::string& path) {
 
 int32_t RunLoaded(const DeconvFileJob& job, int32_t variant, const CxImage& input,
                   const CxImage& kernelImage) {
-  const ImagePlanes image = ImageToPlanes(input);
+  ImagePlanes image = ImageToPlanes(input);
   const ImagePlanes kernel = KernelFromImage(kernelImage);
   const int32_t width = image.width, height = image.height, channels = image.channels;
-  std::vector<double> outputPlanes = NewImagePlanes(image.planes.size());
+  // The engine reads every input plane before it writes the output, so the result replaces
+  // the image's planes rather than taking as much fresh memory again.
+  std::vector<double>& outputPlanes = image.planes;
 
   const DeconvRequest request = MakeScaledRequest(
       image.planes.data(), outputPlanes.data(), width, height, channels, kernel.planes.data(),
