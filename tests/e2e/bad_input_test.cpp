@@ -1,7 +1,6 @@
 // What the executable does with bad input: one data row per line of the README's table.
 #include <gtest/gtest.h>
 #include <unistd.h>
-#include <zlib.h>
 
 #include <filesystem>
 #include <functional>
@@ -61,17 +60,9 @@ class BadInput : public ::testing::TestWithParam<Row> {
                                {"cut1.png", input.substr(0, input.size() / 2)},
                                {"cut2.png", input.substr(0, input.size() - 12)},
                                {"cut1.jpg", jpg.substr(0, 100)},
-                               {"cut2.jpg", jpg.substr(0, jpg.size() - 2)}})
+                               {"cut2.jpg", jpg.substr(0, jpg.size() - 2)},
+                               {"huge.png", HugePng()}})  // no pixels decoded before refusing
       WriteFileBytes(dir / name, bytes);
-    // A PNG header claiming 100000 x 100000 RGB, and no pixel data.
-    auto be32 = [](uint32_t v) {
-      return std::string{char(v >> 24), char(v >> 16), char(v >> 8), char(v)};
-    };
-    const std::string ihdr =
-        "IHDR" + be32(100000) + be32(100000) + std::string("\x08\x02\0\0\0", 5);
-    const uint32_t crc = crc32(0, reinterpret_cast<const Bytef*>(ihdr.data()), ihdr.size());
-    WriteFileBytes(dir / "huge.png",
-                   std::string("\x89PNG\r\n\x1a\n", 8) + be32(13) + ihdr + be32(crc));
     for (auto [w, h] : {std::pair{1, 1}, {1, 9}, {9, 1}, {2, 2}})
       Write("tiny" + std::to_string(w) + std::to_string(h) + ".png",
             {std::vector<double>(w * h, 0.5), w, h, 1});

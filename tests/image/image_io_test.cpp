@@ -2,13 +2,11 @@
 
 #include <Magick++.h>
 #include <gtest/gtest.h>
-#include <jpeglib.h>
 #include <sys/resource.h>
 #include <tiffio.h>
-#include <zlib.h>
 
+#include <cmath>
 #include <csignal>
-#include <cstdio>
 #include <filesystem>
 #include <functional>
 
@@ -32,55 +30,41 @@ LoadedImage Pattern(int w, int h, int colours, bool alpha, std::vector<double> v
   return image;
 }
 
-// A big-endian EXIF block whose first directory holds the orientation and a resolution unit.
-std::string Exif(int orientation) {
-  const char block[] = {'M',  'M',  0,    42,   0, 0, 0, 8, 0, 2,
-                        0x01, 0x12, 0,    3,    0, 0, 0, 1, 0, static_cast<char>(orientation),
-                        0,    0,    0x01, 0x28, 0, 3, 0, 0, 0, 1,
-                        0,    2,    0,    0,    0, 0, 0, 0};
-  return std::string(block, sizeof block);
-}
-
-// A minimal well-formed RGB display profile: the 128-byte header and an empty tag table.
-std::string IccProfile() {
-  std::string p(132, '\0');
-  p[3] = static_cast<char>(132);
-  p.replace(12, 12, "mntrRGB XYZ ");
-  p.replace(36, 4, "acsp");
-  p[8] = 2, p[9] = 0x10;  // version 2.1
-  return p;
-}
-
-TEST(ImageIo, RoundTripsKeepChannelsAlphaDepthAndPrecision) {
+TEST(ImageIo, RoundTripsKeepTypeChannelsAlphaDepthAndPrecision) {
   TempDir dir;
   struct Case {
-    std::string name;
+    std::string name, magic;  // the file's first bytes: the type the name gives
     int colours;
     bool alpha;
     SampleDepth depth;
-    double tolerance;    // on the [0, 1] scale
+    double tolerance;    // on the [0, 1] scale; relative for floating point
     bool alphaWritten;   // the format holds alpha
     bool lossy = false;  // compared on a flat image
   };
-  const double half16 = 0.5 / 65535 + 1e-12, half8 = 0.5 / 255 + 1e-12;
+  const double half16 = 0.5 / 65535 + 1e-12, half8 = 0.5 / 255 + 1e-12, float32 = 6e-8;
   const Case cases[] = {
-      {"grey16.png", 1, false, SampleDepth::k16, half16, true},
-      {"rgba16.PNG", 3, true, SampleDepth::k16, half16, true},
-      {"greya8.png", 1, true, SampleDepth::k8, half8, true},
-      {"rgb16.tif", 3, false, SampleDepth::k16, half16, true},
-      {"greya16.tiff", 1, true, SampleDepth::k16, half16, true},
-      {"grey16.pgm", 1, false, SampleDepth::k16, half16, false},
-      {"rgb8.pnm", 3, false, SampleDepth::k8, half8, false},
-      {"rgba.bmp", 3, true, SampleDepth::k8, half8, true},
-      {"rgba.jpg", 3, true, SampleDepth::k8, 0.02, false, true},
-      {"rgb.webp", 3, false, SampleDepth::k8, 0.03, false, true},
+      {"grey16.png", "\x89PNG", 1, false, SampleDepth::k16, half16, true},
+      {"rgba16.PNG", "\x89PNG", 3, true, SampleDepth::k16, half16, true},
+      {"greya8.png", "\x89PNG", 1, true, SampleDepth::k8, half8, true},
+      {"rgb16.tif", "II*", 3, false, SampleDepth::k16, half16, true},
+      {"greya16.TIFF", "II*", 1, true, SampleDepth::k16, half16, true},
+      {"greyf.tif", "II*", 1, false, SampleDepth::kFloat, float32, true},
+      {"rgbaf.tiff", "II*", 3, true, SampleDepth::kFloat, float32, true},
+      {"grey16.pgm", "P5", 1, false, SampleDepth::k16, half16, false},
+      {"rgb8.pnm", "P6", 3, false, SampleDepth::k8, half8, false},
+      {"rgba.bmp", "BM", 3, true, SampleDepth::k8, half8, true},
+      {"rgba.jpeg", "\xFF\xD8", 3, true, SampleDepth::k8, 0.02, false, true},
+      {"rgb.webp", "RIFF", 3, false, SampleDepth::k8, 0.03, false, true},
   };
   for (const Case& c : cases) {
+    const bool isFloat = c.depth == SampleDepth::kFloat;
     const size_t n = 6 * 5 * (c.colours + c.alpha);
-    std::vector<double> values = test::RandomValues(n, 7, 0.0, 1.0);
+    // Floating-point samples are written unclipped.
+    std::vector<double> values = test::RandomValues(n, 7, isFloat ? -5 : 0, isFloat ? 40 : 1);
     if (c.lossy) values.assign(n, 0.4);
     const LoadedImage written = Pattern(6, 5, c.colours, c.alpha, values);
     WriteImageFile(dir / c.name, written, c.depth, 100);
+    EXPECT_EQ(test::ReadFileBytes(dir / c.name).substr(0, c.magic.size()), c.magic) << c.name;
     const LoadedImage read = ReadImageFile(dir / c.name);
     EXPECT_EQ(read.width, 6) << c.name;
     EXPECT_EQ(read.colourChannels, c.colours) << c.name;
@@ -88,58 +72,21 @@ TEST(ImageIo, RoundTripsKeepChannelsAlphaDepthAndPrecision) {
     EXPECT_EQ(read.depth, c.depth) << c.name;
     ASSERT_EQ(read.planes.size(), 30u * (c.colours + read.hasAlpha)) << c.name;
     for (size_t i = 0; i < read.planes.size(); ++i) {
-      ASSERT_NEAR(read.planes[i], written.planes[i], c.tolerance) << c.name << " sample " << i;
+      const double tolerance = c.tolerance * (isFloat ? std::abs(written.planes[i]) : 1.0);
+      ASSERT_NEAR(read.planes[i], written.planes[i], tolerance) << c.name << " sample " << i;
     }
   }
-}
-
-TEST(ImageIo, FloatTiffKeepsFloatPrecisionAndValuesOutsideTheUnitRange) {
-  TempDir dir;
-  for (const auto& [colours, alpha] : {std::pair{1, false}, std::pair{3, true}}) {
-    const LoadedImage written =
-        Pattern(7, 3, colours, alpha, test::RandomValues(21 * (colours + alpha), 3, -5.0, 40.0));
-    WriteImageFile(dir / "f.tif", written, SampleDepth::kFloat, 95);
-    const LoadedImage read = ReadImageFile(dir / "f.tif");
-    EXPECT_EQ(read.depth, SampleDepth::kFloat);
-    EXPECT_EQ(read.colourChannels, colours);
-    EXPECT_EQ(read.hasAlpha, alpha);
-    ASSERT_EQ(read.planes.size(), written.planes.size());
-    for (size_t i = 0; i < read.planes.size(); ++i) {
-      EXPECT_NEAR(read.planes[i], written.planes[i], std::abs(written.planes[i]) * 6e-8) << i;
-    }
-  }
-}
-
-// A PNG stream of the given chunks (type, data) after the signature, CRCs computed.
-std::string Png(std::initializer_list<std::pair<std::string, std::string>> chunks) {
-  std::string png("\x89PNG\r\n\x1a\n", 8);
-  auto be32 = [&](uint32_t v) {
-    for (int shift = 24; shift >= 0; shift -= 8) png += static_cast<char>(v >> shift);
-  };
-  for (const auto& [type, data] : chunks) {
-    be32(static_cast<uint32_t>(data.size()));
-    const std::string body = type + data;
-    png += body;
-    be32(static_cast<uint32_t>(crc32(0, reinterpret_cast<const Bytef*>(body.data()), body.size())));
-  }
-  return png;
 }
 
 TEST(ImageIo, ReadsAPalettePngWithTransparencyAsColourAndAlpha) {
   TempDir dir;
   // 3 x 1, 8-bit palette of blue, red and black, the black entry transparent.
-  const std::string row("\0\0\1\2", 4);  // filter byte, then the three indices
-  std::string idat(compressBound(row.size()), '\0');
-  uLongf length = idat.size();
-  compress(reinterpret_cast<Bytef*>(idat.data()), &length,
-           reinterpret_cast<const Bytef*>(row.data()), row.size());
-  idat.resize(length);
   test::WriteFileBytes(dir / "palette.png",
-                       Png({{"IHDR", std::string("\0\0\0\3\0\0\0\1\x08\x03\0\0\0", 13)},
-                            {"PLTE", std::string("\0\0\xff\xff\0\0\0\0\0", 9)},
-                            {"tRNS", std::string("\xff\xff\0", 3)},
-                            {"IDAT", idat},
-                            {"IEND", ""}}));
+                       test::PngStream({{"IHDR", std::string("\0\0\0\3\0\0\0\1\x08\x03\0\0\0", 13)},
+                                        {"PLTE", std::string("\0\0\xff\xff\0\0\0\0\0", 9)},
+                                        {"tRNS", std::string("\xff\xff\0", 3)},
+                                        {"IDAT", test::Deflated(std::string("\0\0\1\2", 4))},
+                                        {"IEND", ""}}));
   const LoadedImage read = ReadImageFile(dir / "palette.png");
   ASSERT_EQ(read.colourChannels, 3);
   ASSERT_TRUE(read.hasAlpha);
@@ -151,16 +98,32 @@ TEST(ImageIo, ReadsAPalettePngWithTransparencyAsColourAndAlpha) {
   }
 }
 
-TEST(ImageIo, KeepsIccProfileAndExifByteForByte) {
+TEST(ImageIo, KeepsIccProfileAndExifByteForByteWhereOtherProgramsLookForThem) {
   TempDir dir;
-  for (const char* name : {"m.png", "m.jpg", "m.tif", "m.webp"}) {
+  const std::string icc = test::IccProfile(), exif = test::ExifBlock(1);  // 132 and 38 bytes
+  // Each type's containers: PNG's eXIf chunk (its ICC profile is compressed), JPEG's APP1 and
+  // APP2 segments, TIFF's Photoshop resource 1058 and its ICC tag, WebP's EXIF and ICCP chunks.
+  struct Held {
+    std::string name, exif, icc;  // the bytes each must appear as
+  };
+  const Held held[] = {
+      {"m.png", std::string("\0\0\0\x26\x65XIf", 8) + exif, ""},
+      {"m.jpg", std::string("\xFF\xE1\0\x2E\x45xif\0\0", 10) + exif,
+       std::string("\xFF\xE2\0\x94ICC_PROFILE\0\x01\x01", 18) + icc},
+      {"m.tif", std::string("8BIM\x04\x22\0\0\0\0\0\x26", 12) + exif, icc},
+      {"m.webp", std::string("EXIF\x26\0\0\0", 8) + exif, std::string("ICCP\x84\0\0\0", 8) + icc},
+  };
+  for (const auto& [name, exifAs, iccAs] : held) {
     LoadedImage image = Pattern(4, 4, 3, false, std::vector<double>(48, 0.5));
-    image.iccProfile = IccProfile();
-    image.exif = Exif(1);
+    image.iccProfile = icc;
+    image.exif = exif;
     WriteImageFile(dir / name, image, SampleDepth::k8, 90);
+    const std::string bytes = test::ReadFileBytes(dir / name);
+    EXPECT_NE(bytes.find(exifAs), std::string::npos) << name;
+    EXPECT_NE(bytes.find(iccAs), std::string::npos) << name;
     const LoadedImage read = ReadImageFile(dir / name);
-    EXPECT_EQ(read.iccProfile, image.iccProfile) << name;
-    EXPECT_EQ(read.exif, image.exif) << name;
+    EXPECT_EQ(read.iccProfile, icc) << name;
+    EXPECT_EQ(read.exif, exif) << name;
   }
 }
 
@@ -183,7 +146,7 @@ TEST(ImageIo, TurnsImagesUprightByTheirOrientation) {
   for (const Case& c : cases) {
     const bool tiff = c.name.ends_with(".tif");
     LoadedImage withExif = stored;
-    if (!tiff) withExif.exif = Exif(c.orientation);
+    if (!tiff) withExif.exif = test::ExifBlock(c.orientation);
     WriteImageFile(dir / c.name, withExif, SampleDepth::k8, 100);
     if (tiff) {  // TIFF says it in its own tag
       Magick::Image image(dir / c.name);
@@ -194,37 +157,32 @@ TEST(ImageIo, TurnsImagesUprightByTheirOrientation) {
     ASSERT_EQ(read.width, c.width) << c.name;
     ASSERT_EQ(read.planes.size(), 6u) << c.name;
     for (size_t i = 0; i < 6; ++i) EXPECT_NEAR(read.planes[i], c.upright[i], 0.06) << c.name;
-    EXPECT_EQ(read.exif, tiff ? "" : Exif(1)) << c.name;
+    EXPECT_EQ(read.exif, tiff ? "" : test::ExifBlock(1)) << c.name;
   }
 }
 
 TEST(ImageIo, CmykJpegLoadsAsRgbThroughBothReaders) {
   TempDir dir;
-  // Written as Photoshop does: Adobe marker, samples inverted (255 is no ink). Pure red (no
-  // cyan, full magenta and yellow) and a 50 % black.
+  // GraphicsMagick writes CMYK as Photoshop does: Adobe marker, samples inverted (255 is no
+  // ink). Pure red (no cyan, full magenta and yellow) and a 50 % black.
   const std::string path = dir / "cmyk.jpg";
-  FILE* file = std::fopen(path.c_str(), "wb");
-  jpeg_compress_struct c;
-  jpeg_error_mgr error;
-  c.err = jpeg_std_error(&error);
-  jpeg_create_compress(&c);
-  jpeg_stdio_dest(&c, file);
-  c.image_width = 2, c.image_height = 1, c.input_components = 4, c.in_color_space = JCS_CMYK;
-  jpeg_set_defaults(&c);
-  jpeg_set_quality(&c, 100, TRUE);
-  jpeg_start_compress(&c, TRUE);
-  JSAMPLE row[8] = {255, 0, 0, 255, 255, 255, 255, 128};
-  JSAMPROW rows[1] = {row};
-  jpeg_write_scanlines(&c, rows, 1);
-  jpeg_finish_compress(&c);
-  jpeg_destroy_compress(&c);
-  std::fclose(file);
+  CxImage old;  // initialises the image library
+  Magick::Image cmyk(Magick::Geometry(2, 1), Magick::Color(0, 0, 0));
+  cmyk.modifyImage();
+  cmyk.colorSpace(Magick::CMYKColorspace);
+  Magick::PixelPacket* p = cmyk.getPixels(0, 0, 2, 1);
+  // Red, green, blue and opacity hold C, M, Y and K.
+  p[0].red = p[0].opacity = p[1].red = p[1].green = p[1].blue = 0;
+  p[0].green = p[0].blue = MaxRGB;
+  p[1].opacity = MaxRGB / 2;
+  cmyk.syncPixels();
+  cmyk.quality(100);
+  cmyk.write(path);
 
   const LoadedImage read = ReadImageFile(path);
   ASSERT_EQ(read.colourChannels, 3);
   const double expected[] = {1, 0.5, 0, 0.5, 0, 0.5};  // planar R, G, B of both pixels
   for (int i = 0; i < 6; ++i) EXPECT_NEAR(read.planes[i], expected[i], 0.03) << i;
-  CxImage old;
   ASSERT_TRUE(old.Load(path, kImageTypeJpeg)) << old.GetLastError();
   const PixelColor red = old.GetPixelColor(0, 0), grey = old.GetPixelColor(1, 0);
   EXPECT_GE(red.red, 248);
@@ -287,7 +245,6 @@ TEST(ImageIo, RefusesBadFilesAndImpossibleWritesNamingTheFile) {
       {"x.gif", "unknown image type", write("x.gif", rgb, SampleDepth::k8)},
       {"x.exr", "unknown image type", check("x.exr")},
       {"folder.png", "is a directory", check("folder.png")},
-      {"missing/x.png", "does not exist", check("missing/x.png")},
   };
   for (const Case& c : cases) {
     try {
@@ -306,8 +263,7 @@ TEST(ImageIo, RefusesBadFilesAndImpossibleWritesNamingTheFile) {
 
 TEST(ImageIo, AFailedWriteLeavesThePreviousFileAndNoTemporary) {
   TempDir dir;
-  const LoadedImage small = Pattern(2, 2, 1, false, {0, 1, 1, 0});
-  WriteImageFile(dir / "out.png", small, SampleDepth::k8, 90);
+  WriteImageFile(dir / "out.png", Pattern(2, 2, 1, false, {0, 1, 1, 0}), SampleDepth::k8, 90);
   const std::string before = test::ReadFileBytes(dir / "out.png");
   // A file size limit below what a 300 x 300 noise image needs makes the write fail midway.
   std::signal(SIGXFSZ, SIG_IGN);
@@ -317,15 +273,12 @@ TEST(ImageIo, AFailedWriteLeavesThePreviousFileAndNoTemporary) {
   limited.rlim_cur = 20000;
   setrlimit(RLIMIT_FSIZE, &limited);
   const LoadedImage big = Pattern(300, 300, 3, false, test::RandomValues(270000, 5, 0.0, 1.0));
-  for (const char* name : {"out.png", "out.tif"}) {
-    if (std::string(name) == "out.tif") test::WriteFileBytes(dir / name, before);
-    EXPECT_THROW(WriteImageFile(dir / name, big, SampleDepth::k16, 90), Error) << name;
-    EXPECT_EQ(test::ReadFileBytes(dir / name), before) << name;
-  }
+  EXPECT_THROW(WriteImageFile(dir / "out.png", big, SampleDepth::k16, 90), Error);
   setrlimit(RLIMIT_FSIZE, &old);
+  EXPECT_EQ(test::ReadFileBytes(dir / "out.png"), before);
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir.path()),
                           std::filesystem::directory_iterator{}),
-            2);
+            1);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <zlib.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -84,6 +85,51 @@ std::string ReadFileBytes(const std::filesystem::path& path) {
 void WriteFileBytes(const std::filesystem::path& path, const std::string& bytes) {
   std::ofstream out(path, std::ios::binary);
   out << bytes;
+}
+
+std::string ExifBlock(int orientation) {
+  return std::string("MM\0*\0\0\0\x08\0\x02\x01\x12\0\x03\0\0\0\x01\0", 19) +
+         static_cast<char>(orientation) +
+         std::string("\0\0\x01\x28\0\x03\0\0\0\x01\0\x02\0\0\0\0\0\0", 18);
+}
+
+std::string IccProfile() {
+  std::string p(132, '\0');
+  p[3] = static_cast<char>(132);
+  p[8] = 2, p[9] = 0x10;  // version 2.1
+  p.replace(12, 12, "mntrRGB XYZ ");
+  p.replace(36, 4, "acsp");
+  return p;
+}
+
+std::string PngStream(const std::vector<std::pair<std::string, std::string>>& chunks) {
+  std::string png("\x89PNG\r\n\x1a\n", 8);
+  auto be32 = [&](uLong v) {
+    for (int shift = 24; shift >= 0; shift -= 8) png += static_cast<char>(v >> shift);
+  };
+  for (const auto& [type, data] : chunks) {
+    be32(data.size());
+    const std::string body = type + data;
+    png += body;
+    be32(crc32(0, reinterpret_cast<const Bytef*>(body.data()), body.size()));
+  }
+  return png;
+}
+
+std::string Deflated(const std::string& data) {
+  std::string out(compressBound(data.size()), '\0');
+  uLongf length = out.size();
+  compress(reinterpret_cast<Bytef*>(out.data()), &length,
+           reinterpret_cast<const Bytef*>(data.data()), data.size());
+  out.resize(length);
+  return out;
+}
+
+std::string HugePng() {
+  const std::string size("\0\x01\x86\xA0", 4);  // 100000, big-endian
+  return PngStream({{"IHDR", size + size + std::string("\x08\x02\0\0\0", 5)},
+                    {"IDAT", Deflated(std::string(300001, '\0'))},
+                    {"IEND", ""}});
 }
 
 }  // namespace marlith::test

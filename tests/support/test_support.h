@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace marlith::test {
@@ -51,5 +52,17 @@ class TempDir {
 // The bytes of a file ("" when it cannot be read).
 std::string ReadFileBytes(const std::filesystem::path& path);
 void WriteFileBytes(const std::filesystem::path& path, const std::string& bytes);
+
+// A big-endian EXIF block whose first directory holds the orientation and a resolution unit.
+std::string ExifBlock(int orientation);
+// A minimal well-formed RGB display ICC profile: the 128-byte header and an empty tag table.
+std::string IccProfile();
+// A PNG stream: the signature, then each chunk (type, data) with its length and CRC.
+std::string PngStream(const std::vector<std::pair<std::string, std::string>>& chunks);
+// data compressed with zlib, as a PNG's IDAT chunk holds it.
+std::string Deflated(const std::string& data);
+// A PNG whose header claims 100000 x 100000 8-bit RGB pixels, with the first rows' worth of
+// compressed zero bytes after it: a reader must refuse it from the header.
+std::string HugePng();
 
 }  // namespace marlith::test
