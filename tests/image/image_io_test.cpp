@@ -7,8 +7,8 @@
 
 #include <cmath>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
-#include <functional>
 
 #include "image/image_container.h"
 #include "marlith/error.hpp"
@@ -20,14 +20,7 @@ namespace {
 using test::TempDir;
 
 LoadedImage Pattern(int w, int h, int colours, bool alpha, std::vector<double> values) {
-  LoadedImage image;
-  image.width = w;
-  image.height = h;
-  image.colourChannels = colours;
-  image.hasAlpha = alpha;
-  image.planes = std::move(values);
-  image.planes.resize(size_t(w) * h * (colours + alpha), 0.0);
-  return image;
+  return {w, h, colours, alpha, std::move(values), SampleDepth::k8, "", ""};
 }
 
 TEST(ImageIo, RoundTripsKeepTypeChannelsAlphaDepthAndPrecision) {
@@ -164,31 +157,24 @@ TEST(ImageIo, TurnsImagesUprightByTheirOrientation) {
 TEST(ImageIo, CmykJpegLoadsAsRgbThroughBothReaders) {
   TempDir dir;
   // GraphicsMagick writes CMYK as Photoshop does: Adobe marker, samples inverted (255 is no
-  // ink). Pure red (no cyan, full magenta and yellow) and a 50 % black.
+  // ink). Red is no cyan, full magenta and yellow; 50 % grey becomes 50 % of each ink.
   const std::string path = dir / "cmyk.jpg";
-  CxImage old;  // initialises the image library
-  Magick::Image cmyk(Magick::Geometry(2, 1), Magick::Color(0, 0, 0));
-  cmyk.modifyImage();
-  cmyk.colorSpace(Magick::CMYKColorspace);
-  Magick::PixelPacket* p = cmyk.getPixels(0, 0, 2, 1);
-  // Red, green, blue and opacity hold C, M, Y and K.
-  p[0].red = p[0].opacity = p[1].red = p[1].green = p[1].blue = 0;
-  p[0].green = p[0].blue = MaxRGB;
-  p[1].opacity = MaxRGB / 2;
-  cmyk.syncPixels();
-  cmyk.quality(100);
-  cmyk.write(path);
-
+  ASSERT_EQ(std::system(("gm convert -size 1x1 xc:red xc:gray50 +append -colorspace CMYK "
+                         "-quality 100 " +
+                         path)
+                            .c_str()),
+            0);
   const LoadedImage read = ReadImageFile(path);
   ASSERT_EQ(read.colourChannels, 3);
-  const double expected[] = {1, 0.5, 0, 0.5, 0, 0.5};  // planar R, G, B of both pixels
+  const double expected[] = {1, 0.25, 0, 0.25, 0, 0.25};  // planar R, G, B of both pixels
   for (int i = 0; i < 6; ++i) EXPECT_NEAR(read.planes[i], expected[i], 0.03) << i;
+  CxImage old;
   ASSERT_TRUE(old.Load(path, kImageTypeJpeg)) << old.GetLastError();
   const PixelColor red = old.GetPixelColor(0, 0), grey = old.GetPixelColor(1, 0);
   EXPECT_GE(red.red, 248);
   EXPECT_LE(std::max(red.green, red.blue), 8);
-  EXPECT_NEAR(grey.red, 128, 8);
-  EXPECT_NEAR(grey.blue, 128, 8);
+  EXPECT_NEAR(grey.red, 64, 8);
+  EXPECT_NEAR(grey.blue, 64, 8);
 }
 
 TEST(ImageIo, RefusesBadFilesAndImpossibleWritesNamingTheFile) {
@@ -213,50 +199,28 @@ TEST(ImageIo, RefusesBadFilesAndImpossibleWritesNamingTheFile) {
     TIFFWriteDirectory(t);
     TIFFClose(t);
   }
+  std::filesystem::create_directory(dir / "folder.png");
+  const std::pair<std::string, std::string> unread[] = {
+      {"missing.png", "No such file"}, {"folder.png", "directory"}, {"empty.png", "empty"},
+      {"noise.png", "noise.png"},      {"cut.png", "cut.png"},      {"cut.tif", "TIFF"},
+      {"huge.tif", "pixels"},
+  };
+  for (const auto& [file, why] : unread)
+    test::ExpectRefused([&] { ReadImageFile(dir / file); }, file, why);
+  auto write = [&](const std::string& file, const LoadedImage& image, SampleDepth depth,
+                   int quality, const std::string& why) {
+    test::ExpectRefused([&] { WriteImageFile(dir / file, image, depth, quality); }, file, why);
+  };
+  write("f.png", rgb, SampleDepth::kFloat, 90, "PNG cannot hold float");
+  write("d.jpg", rgb, SampleDepth::k16, 90, "JPEG cannot hold 16-bit");
+  write("q.jpg", rgb, SampleDepth::k8, 0, "quality of 0");
+  write("c.pgm", rgb, SampleDepth::k8, 90, "grey images only");
   LoadedImage shortPlanes = rgb;
   shortPlanes.planes.pop_back();
-  std::filesystem::create_directory(dir / "folder.png");
-  struct Case {
-    std::string file, expected;
-    std::function<void()> act;
-  };
-  auto read = [&](const std::string& name) { return [&dir, name] { ReadImageFile(dir / name); }; };
-  auto write = [&](const std::string& name, const LoadedImage& image, SampleDepth depth,
-                   int quality = 90) {
-    return
-        [&dir, name, &image, depth, quality] { WriteImageFile(dir / name, image, depth, quality); };
-  };
-  auto check = [&](const std::string& name) {
-    return [&dir, name] { CheckOutputPath(dir / name); };
-  };
-  const Case cases[] = {
-      {"missing.png", "No such file", read("missing.png")},
-      {"folder.png", "directory", read("folder.png")},
-      {"empty.png", "empty", read("empty.png")},
-      {"noise.png", "noise.png", read("noise.png")},
-      {"cut.png", "cut.png", read("cut.png")},
-      {"cut.tif", "TIFF", read("cut.tif")},
-      {"huge.tif", "pixels", read("huge.tif")},
-      {"f.png", "PNG cannot hold float", write("f.png", rgb, SampleDepth::kFloat)},
-      {"d.jpg", "JPEG cannot hold 16-bit", write("d.jpg", rgb, SampleDepth::k16)},
-      {"q.jpg", "quality of 0", write("q.jpg", rgb, SampleDepth::k8, 0)},
-      {"c.pgm", "grey images only", write("c.pgm", rgb, SampleDepth::k8)},
-      {"s.png", "47 samples", write("s.png", shortPlanes, SampleDepth::k8)},
-      {"x.gif", "unknown image type", write("x.gif", rgb, SampleDepth::k8)},
-      {"x.exr", "unknown image type", check("x.exr")},
-      {"folder.png", "is a directory", check("folder.png")},
-  };
-  for (const Case& c : cases) {
-    try {
-      c.act();
-      ADD_FAILURE() << c.file << " was not refused";
-    } catch (const Error& e) {
-      const std::string message = e.what();
-      EXPECT_NE(message.find(c.file), std::string::npos) << message;
-      EXPECT_NE(message.find(c.expected), std::string::npos) << message;
-      EXPECT_EQ(message.find('\n'), std::string::npos) << message;
-    }
-  }
+  write("s.png", shortPlanes, SampleDepth::k8, 90, "47 samples");
+  write("x.gif", rgb, SampleDepth::k8, 90, "unknown image type");
+  test::ExpectRefused([&] { CheckOutputPath(dir / "x.exr"); }, "x.exr", "unknown image type");
+  test::ExpectRefused([&] { CheckOutputPath(dir / "folder.png"); }, "folder.png", "is a directory");
   EXPECT_FALSE(std::filesystem::exists(dir / "f.png"));
   EXPECT_NO_THROW(CheckOutputPath(dir / "new.WEBP"));
 }

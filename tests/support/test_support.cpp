@@ -1,6 +1,7 @@
 #include "support/test_support.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -12,6 +13,8 @@
 #include <random>
 #include <sstream>
 #include <stdexcept>
+
+#include "marlith/error.hpp"
 
 namespace marlith::test {
 
@@ -87,6 +90,19 @@ void WriteFileBytes(const std::filesystem::path& path, const std::string& bytes)
   out << bytes;
 }
 
+void ExpectRefused(const std::function<void()>& act, const std::string& file,
+                   const std::string& why) {
+  try {
+    act();
+    ADD_FAILURE() << file << " was not refused";
+  } catch (const Error& e) {
+    const std::string message = e.what();
+    EXPECT_NE(message.find(file), std::string::npos) << message;
+    EXPECT_NE(message.find(why), std::string::npos) << message;
+    EXPECT_EQ(message.find('\n'), std::string::npos) << message;
+  }
+}
+
 std::string ExifBlock(int orientation) {
   return std::string("MM\0*\0\0\0\x08\0\x02\x01\x12\0\x03\0\0\0\x01\0", 19) +
          static_cast<char>(orientation) +
@@ -94,12 +110,9 @@ std::string ExifBlock(int orientation) {
 }
 
 std::string IccProfile() {
-  std::string p(132, '\0');
-  p[3] = static_cast<char>(132);
-  p[8] = 2, p[9] = 0x10;  // version 2.1
-  p.replace(12, 12, "mntrRGB XYZ ");
-  p.replace(36, 4, "acsp");
-  return p;
+  // Its size, version 2.1, class, colour space and connection space, then "acsp" at 36.
+  return std::string("\0\0\0\x84\0\0\0\0\x02\x10\0\0mntrRGB XYZ ", 24) + std::string(12, '\0') +
+         "acsp" + std::string(92, '\0');
 }
 
 std::string PngStream(const std::vector<std::pair<std::string, std::string>>& chunks) {

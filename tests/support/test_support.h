@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <span>
 #include <string>
 #include <utility>
@@ -52,6 +53,10 @@ class TempDir {
 // The bytes of a file ("" when it cannot be read).
 std::string ReadFileBytes(const std::filesystem::path& path);
 void WriteFileBytes(const std::filesystem::path& path, const std::string& bytes);
+
+// Expects act to throw marlith::Error whose message is one line naming file and saying why.
+void ExpectRefused(const std::function<void()>& act, const std::string& file,
+                   const std::string& why);
 
 // A big-endian EXIF block whose first directory holds the orientation and a resolution unit.
 std::string ExifBlock(int orientation);
