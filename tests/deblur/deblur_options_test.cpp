@@ -27,16 +27,7 @@ TEST(DeblurOptions, MapsEveryOptionOntoTheSettings) {
     std::string args;
     std::function<bool(const DeblurSettings&)> holds;
   };
-  const DeconvolveOptions api;
   const std::vector<Row> rows = {
-      {"-k k.png in.png",
-       [&](const DeblurSettings& s) {
-         return s.kernelPath == "k.png" && s.inputs == std::vector<std::string>{"in.png"} &&
-                s.output.empty() && !s.engine.noise && s.engine.boundary == api.boundary &&
-                s.engine.margins == api.margins && s.engine.kernelOrigin == api.kernelOrigin &&
-                !s.engine.refineKernel && s.engine.threads == 0 && s.depth == DepthChoice::kSame &&
-                s.jobs == 1 && s.verbosity == Verbosity::kNormal;
-       }},
       {"--kernel=k.npy --output o.tif --noise 0.05 --boundary periodic --margins=exact "
        "--kernel-origin support --refine-kernel --threads 3 --depth float --jpeg-quality 80 "
        "--jobs 2 --verbose a.tif",
