@@ -39,21 +39,17 @@ TEST(DeblurOptions, MapsEveryOptionOntoTheSettings) {
                 s.jobs == 2 && s.verbosity == Verbosity::kVerbose;
        }},
       // Short forms, bundled flags, attached values, the last of a repeated option.
-      {"-qrk k.csv -n0.2 -n auto -d16 -j 4 -t8 -f .tif a b",
+      {"-qrk k.csv -n0.2 -n auto -d8 -j 4 -t8 -f .tif a b",
        [](const DeblurSettings& s) {
          return s.kernelPath == "k.csv" && !s.engine.noise && s.engine.refineKernel &&
-                s.depth == DepthChoice::k16 && s.jobs == 4 && s.engine.threads == 8 &&
+                s.depth == DepthChoice::k8 && s.jobs == 4 && s.engine.threads == 8 &&
                 s.format == "tif" && s.verbosity == Verbosity::kQuiet && s.inputs.size() == 2;
        }},
       // "--" ends the options: what follows is an image even when it starts with '-'.
-      {"-k k.png --kernel-origin centre -- -odd.png --noise",
+      {"-k k.png --noise 0 --kernel-origin centre -- -odd.png --noise",
        [](const DeblurSettings& s) {
          return s.inputs == std::vector<std::string>{"-odd.png", "--noise"} &&
-                s.engine.kernelOrigin == KernelOrigin::kCenter;
-       }},
-      {"-k k.png --noise 0 -d 8 --progress x.png",
-       [](const DeblurSettings& s) {
-         return s.engine.noise == 0.0 && s.depth == DepthChoice::k8 && s.forceProgress;
+                s.engine.noise == 0.0 && s.engine.kernelOrigin == KernelOrigin::kCenter;
        }},
   };
   for (const Row& row : rows) {
