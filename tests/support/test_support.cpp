@@ -69,12 +69,6 @@ TempDir::TempDir() {
 
 TempDir::~TempDir() {
   std::error_code ec;
-  // Folders a test made read-only must become writable again to be removed.
-  for (auto& entry : std::filesystem::recursive_directory_iterator(path_, ec)) {
-    if (entry.is_directory(ec))
-      std::filesystem::permissions(entry.path(), std::filesystem::perms::owner_all,
-                                   std::filesystem::perm_options::add, ec);
-  }
   std::filesystem::remove_all(path_, ec);
 }
 
