@@ -25,15 +25,20 @@ struct ProcessResult {
 ProcessResult RunProcess(const std::string& program, const std::vector<std::string>& args,
                          int timeoutSeconds = 120);
 
-// The marlith executable under test and the source tree: the environment's MARLITH_EXE and
-// MARLITH_SOURCE_DIR when set, else the paths the test executable was built with.
-std::string MarlithExe(const char* builtIn);
-std::filesystem::path SourceDir(const char* builtIn);
+// The environment's variable name when set, else builtIn: the executables under test and the
+// source tree, from MARLITH_EXE, MARLITH_DEBLUR_EXE and MARLITH_SOURCE_DIR or the paths the test
+// executable was built with.
+std::string FromEnvironment(const char* name, const char* builtIn);
 #ifdef MARLITH_EXE
-inline std::string MarlithExe() { return MarlithExe(MARLITH_EXE); }
+inline std::string MarlithExe() { return FromEnvironment("MARLITH_EXE", MARLITH_EXE); }
+#endif
+#ifdef MARLITH_DEBLUR_EXE
+inline std::string DeblurExe() { return FromEnvironment("MARLITH_DEBLUR_EXE", MARLITH_DEBLUR_EXE); }
 #endif
 #ifdef MARLITH_SOURCE_DIR
-inline std::filesystem::path SourceDir() { return SourceDir(MARLITH_SOURCE_DIR); }
+inline std::filesystem::path SourceDir() {
+  return FromEnvironment("MARLITH_SOURCE_DIR", MARLITH_SOURCE_DIR);
+}
 #endif
 
 // A fresh empty folder, removed with its contents when the object goes.
@@ -64,10 +69,8 @@ std::string ExifBlock(int orientation);
 std::string IccProfile();
 // A PNG stream: the signature, then each chunk (type, data) with its length and CRC.
 std::string PngStream(const std::vector<std::pair<std::string, std::string>>& chunks);
-// data compressed with zlib, as a PNG's IDAT chunk holds it.
-std::string Deflated(const std::string& data);
-// A PNG whose header claims 100000 x 100000 8-bit RGB pixels, with the first rows' worth of
-// compressed zero bytes after it: a reader must refuse it from the header.
+// A PNG whose header claims 100000 x 100000 8-bit RGB pixels: a reader must refuse it before
+// taking memory for them.
 std::string HugePng();
 
 }  // namespace marlith::test
