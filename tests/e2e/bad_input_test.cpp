@@ -1,7 +1,5 @@
 // What the executable does with bad input: one data row per line of the README's table.
 #include <gtest/gtest.h>
-#include <unistd.h>
-#include <zlib.h>
 
 #include <filesystem>
 #include <functional>
@@ -61,17 +59,9 @@ class BadInput : public ::testing::TestWithParam<Row> {
                                {"cut1.png", input.substr(0, input.size() / 2)},
                                {"cut2.png", input.substr(0, input.size() - 12)},
                                {"cut1.jpg", jpg.substr(0, 100)},
-                               {"cut2.jpg", jpg.substr(0, jpg.size() - 2)}})
+                               {"cut2.jpg", jpg.substr(0, jpg.size() - 2)},
+                               {"huge.png", HugePng()}})
       WriteFileBytes(dir / name, bytes);
-    // A PNG header claiming 100000 x 100000 RGB, and no pixel data.
-    auto be32 = [](uint32_t v) {
-      return std::string{char(v >> 24), char(v >> 16), char(v >> 8), char(v)};
-    };
-    const std::string ihdr =
-        "IHDR" + be32(100000) + be32(100000) + std::string("\x08\x02\0\0\0", 5);
-    const uint32_t crc = crc32(0, reinterpret_cast<const Bytef*>(ihdr.data()), ihdr.size());
-    WriteFileBytes(dir / "huge.png",
-                   std::string("\x89PNG\r\n\x1a\n", 8) + be32(13) + ihdr + be32(crc));
     for (auto [w, h] : {std::pair{1, 1}, {1, 9}, {9, 1}, {2, 2}})
       Write("tiny" + std::to_string(w) + std::to_string(h) + ".png",
             {std::vector<double>(w * h, 0.5), w, h, 1});
@@ -122,30 +112,11 @@ TEST_P(BadInput, DoesWhatTheReadmeSays) {
   if (row.check) row.check(*this);
 }
 
-// A read-only folder keeps its file: root writes anywhere, so as root the run drops to nobody.
-void ReadOnlyFolder(BadInput& t) {
-  fs::create_directory(t.dir / "locked");
-  WriteFileBytes(t.dir / "locked/out.png", t.previous);
-  const auto readable = fs::perms::group_read | fs::perms::group_exec | fs::perms::others_read |
-                        fs::perms::others_exec | fs::perms::owner_read | fs::perms::owner_exec;
-  fs::permissions(t.dir.path(), readable | fs::perms::owner_write);
-  fs::permissions(t.dir / "locked", readable);
-  std::vector<std::string> args = {
-      t.dir / "in.png", t.dir / "k.png", t.dir / "locked/out.png", "0", "1", "1"};
-  if (geteuid() == 0)
-    args.insert(args.begin(), {"--reuid=65534", "--regid=65534", "--clear-groups", MarlithExe()});
-  const ProcessResult r = RunProcess(geteuid() == 0 ? "/usr/bin/setpriv" : MarlithExe(), args);
-  EXPECT_EQ(r.exitCode, 0) << r.out << r.err;
-  EXPECT_NE(r.err.find("locked/out.png"), std::string::npos) << r.err;
-  EXPECT_EQ(ReadFileBytes(t.dir / "locked/out.png"), t.previous);
-  EXPECT_EQ(std::distance(fs::directory_iterator(t.dir / "locked"), fs::directory_iterator{}), 1);
-}
-
-// Checks that two runs wrote the same file and that a third differs.
-auto Same(std::string a, std::string b, std::string other = "") {
+// Checks that runs wrote the same file, and that another run's file differs from it.
+auto Same(std::vector<std::string> names, std::string other = "") {
   return [=](BadInput& t) {
-    EXPECT_EQ(t.Bytes(a), t.Bytes(b));
-    EXPECT_TRUE(other.empty() || t.Bytes(a) != t.Bytes(other)) << a << " " << other;
+    for (const std::string& name : names) EXPECT_EQ(t.Bytes(name), t.Bytes(names[0])) << name;
+    EXPECT_TRUE(other.empty() || t.Bytes(names[0]) != t.Bytes(other)) << names[0] << " " << other;
   };
 }
 
@@ -167,21 +138,20 @@ const Row kRows[] = {
      }},
     {"BlackKernel", "@in.png @black.png @out.png", kRefused, "Cannot deblur", "black"},
     {"KernelWithAlpha", "@in.png @ka.png @alpha.png; @in.png @k.png @plain.png", kWorks, "", "",
-     Same("alpha.png", "plain.png")},
+     Same({"alpha.png", "plain.png"})},
     {"BoundaryTypeReadAsAtoi",  // text gives 0; any other value selects smooth borders
      "@in.png @k.png @x.png x; @in.png @k.png @0.png 0; @in.png @k.png @-3.png -3; @in.png @k.png "
      "@huge.png 99999999999; @in.png @k.png @1.png 1",
      kWorks, "", "",
      [](BadInput& t) {
-       Same("x.png", "0.png", "1.png")(t);
-       Same("-3.png", "1.png")(t);
-       Same("huge.png", "1.png")(t);
+       Same({"x.png", "0.png"}, "1.png")(t);
+       Same({"-3.png", "huge.png", "1.png"})(t);
      }},
     {"SettingsThatAreNotNumbersReadAsZero",
      "@in.png @k.png @x.png 0 x x; @in.png @k.png @0.png 0 0 0", kWorks, "", "",
-     Same("x.png", "0.png")},
+     Same({"x.png", "0.png"})},
     {"NoiseZeroOrNegativeIsNoiseFree", "@in.png @k.png @n.png 0 -1 -5; @in.png @k.png @0.png 0 0 0",
-     kWorks, "", "", Same("n.png", "0.png")},
+     kWorks, "", "", Same({"n.png", "0.png"})},
     {"HugeNoiseReturnsTheImage", "@in.png @k.png @h.png 1 1e308", kWorks, "", "",
      [](BadInput& t) { EXPECT_EQ(t.Planes("h.png"), t.Planes("in.png")); }},
     {"NonFiniteSettings",
@@ -191,8 +161,7 @@ const Row kRows[] = {
      "1 1e308",
      kRefused, "Cannot deblur", "must be a finite number"},
     {"UnwritableOutputs",
-     "@in.png @k.png @missing/out.png; @in.png @k.png @out.tif; @in.png @k.png @out.PNG", kWarns,
-     "", "", ReadOnlyFolder},
+     "@in.png @k.png @missing/out.png; @in.png @k.png @out.tif; @in.png @k.png @out.PNG", kWarns},
     {"OutputReplacesTheInput", "@in.png @k.png @in.png", kWorks, "", "",
      [](BadInput& t) { EXPECT_NE(t.Bytes("in.png"), t.input); }},
 };

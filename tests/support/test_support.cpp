@@ -1,16 +1,20 @@
 #include "support/test_support.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <zlib.h>
 
 #include <cstdlib>
 #include <fstream>
 #include <random>
 #include <sstream>
 #include <stdexcept>
+
+#include "marlith/error.hpp"
 
 namespace marlith::test {
 
@@ -46,15 +50,9 @@ ProcessResult RunProcess(const std::string& program, const std::vector<std::stri
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadFileBytes(out), ReadFileBytes(err)};
 }
 
-std::string MarlithExe(const char* builtIn) {
-  if (const char* exe = std::getenv("MARLITH_EXE")) return exe;
-  if (!builtIn) throw std::runtime_error("this test executable does not know marlith's path");
-  return builtIn;
-}
-
-std::filesystem::path SourceDir(const char* builtIn) {
-  if (const char* dir = std::getenv("MARLITH_SOURCE_DIR")) return dir;
-  return builtIn;
+std::string FromEnvironment(const char* name, const char* builtIn) {
+  const char* value = std::getenv(name);
+  return value ? value : builtIn;
 }
 
 TempDir::TempDir() {
@@ -65,12 +63,6 @@ TempDir::TempDir() {
 
 TempDir::~TempDir() {
   std::error_code ec;
-  // Folders a test made read-only must become writable again to be removed.
-  for (auto& entry : std::filesystem::recursive_directory_iterator(path_, ec)) {
-    if (entry.is_directory(ec))
-      std::filesystem::permissions(entry.path(), std::filesystem::perms::owner_all,
-                                   std::filesystem::perm_options::add, ec);
-  }
   std::filesystem::remove_all(path_, ec);
 }
 
@@ -84,6 +76,52 @@ std::string ReadFileBytes(const std::filesystem::path& path) {
 void WriteFileBytes(const std::filesystem::path& path, const std::string& bytes) {
   std::ofstream out(path, std::ios::binary);
   out << bytes;
+}
+
+void ExpectRefused(const std::function<void()>& act, const std::string& file,
+                   const std::string& why) {
+  try {
+    act();
+    ADD_FAILURE() << file << " was not refused";
+  } catch (const Error& e) {
+    const std::string message = e.what();
+    EXPECT_NE(message.find(file), std::string::npos) << message;
+    EXPECT_NE(message.find(why), std::string::npos) << message;
+    EXPECT_EQ(message.find('\n'), std::string::npos) << message;
+  }
+}
+
+std::string ExifBlock(int orientation) {
+  return std::string("MM\0*\0\0\0\x08\0\x02\x01\x12\0\x03\0\0\0\x01\0", 19) +
+         static_cast<char>(orientation) +
+         std::string("\0\0\x01\x28\0\x03\0\0\0\x01\0\x02\0\0\0\0\0\0", 18);
+}
+
+std::string IccProfile() {
+  // Its size, version 2.1, class, colour space and connection space, then "acsp" at 36.
+  return std::string("\0\0\0\x84\0\0\0\0\x02\x10\0\0mntrRGB XYZ ", 24) + std::string(12, '\0') +
+         "acsp" + std::string(92, '\0');
+}
+
+std::string PngStream(const std::vector<std::pair<std::string, std::string>>& chunks) {
+  std::string png("\x89PNG\r\n\x1a\n", 8);
+  auto be32 = [&](uLong v) {
+    for (int shift = 24; shift >= 0; shift -= 8) png += static_cast<char>(v >> shift);
+  };
+  for (const auto& [type, data] : chunks) {
+    be32(data.size());
+    const std::string body = type + data;
+    png += body;
+    be32(crc32(0, reinterpret_cast<const Bytef*>(body.data()), body.size()));
+  }
+  return png;
+}
+
+std::string HugePng() {
+  const std::string size("\0\x01\x86\xA0", 4);  // 100000, big-endian
+  return PngStream({{"IHDR", size + size + std::string("\x08\x02\0\0\0", 5)},
+                    {"IDAT", std::string("\x78\x01\x01\x04\0\xFB\xFF\0\0\1\2\0\x08\0\x04", 15)},
+                    {"IEND", ""}});
 }
 
 }  // namespace marlith::test

@@ -3,8 +3,10 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace marlith::test {
@@ -23,15 +25,20 @@ struct ProcessResult {
 ProcessResult RunProcess(const std::string& program, const std::vector<std::string>& args,
                          int timeoutSeconds = 120);
 
-// The marlith executable under test and the source tree: the environment's MARLITH_EXE and
-// MARLITH_SOURCE_DIR when set, else the paths the test executable was built with.
-std::string MarlithExe(const char* builtIn);
-std::filesystem::path SourceDir(const char* builtIn);
+// The environment's variable name when set, else builtIn: the executables under test and the
+// source tree, from MARLITH_EXE, MARLITH_DEBLUR_EXE and MARLITH_SOURCE_DIR or the paths the test
+// executable was built with.
+std::string FromEnvironment(const char* name, const char* builtIn);
 #ifdef MARLITH_EXE
-inline std::string MarlithExe() { return MarlithExe(MARLITH_EXE); }
+inline std::string MarlithExe() { return FromEnvironment("MARLITH_EXE", MARLITH_EXE); }
+#endif
+#ifdef MARLITH_DEBLUR_EXE
+inline std::string DeblurExe() { return FromEnvironment("MARLITH_DEBLUR_EXE", MARLITH_DEBLUR_EXE); }
 #endif
 #ifdef MARLITH_SOURCE_DIR
-inline std::filesystem::path SourceDir() { return SourceDir(MARLITH_SOURCE_DIR); }
+inline std::filesystem::path SourceDir() {
+  return FromEnvironment("MARLITH_SOURCE_DIR", MARLITH_SOURCE_DIR);
+}
 #endif
 
 // A fresh empty folder, removed with its contents when the object goes.
@@ -51,5 +58,19 @@ class TempDir {
 // The bytes of a file ("" when it cannot be read).
 std::string ReadFileBytes(const std::filesystem::path& path);
 void WriteFileBytes(const std::filesystem::path& path, const std::string& bytes);
+
+// Expects act to throw marlith::Error whose message is one line naming file and saying why.
+void ExpectRefused(const std::function<void()>& act, const std::string& file,
+                   const std::string& why);
+
+// A big-endian EXIF block whose first directory holds the orientation and a resolution unit.
+std::string ExifBlock(int orientation);
+// A minimal well-formed RGB display ICC profile: the 128-byte header and an empty tag table.
+std::string IccProfile();
+// A PNG stream: the signature, then each chunk (type, data) with its length and CRC.
+std::string PngStream(const std::vector<std::pair<std::string, std::string>>& chunks);
+// A PNG whose header claims 100000 x 100000 8-bit RGB pixels: a reader must refuse it before
+// taking memory for them.
+std::string HugePng();
 
 }  // namespace marlith::test
