@@ -104,8 +104,8 @@ TEST(FitSurfaceDebug, PoissonFillGivesBackCubicDataAndHandsItToTheWriter) {
     std::vector<double> in(W * H), out(W * H), mask(W * H, 0.0), written;
     for (int i = 0; i < W * H; ++i) in[i] = q(i % W, i / W);
     auto r = Request(in, out, mask, W, H, x0, x0 + side - 1, y0, y0 + side - 1);
-    r.debugWriter = [&](std::span<const double> plane, int32_t w, int32_t h) {
-      EXPECT_EQ(w * 100 + h, W * 100 + H);
+    r.debugWriter = [&, size = W * 100 + H](std::span<const double> plane, int32_t w, int32_t h) {
+      EXPECT_EQ(w * 100 + h, size);
       written.assign(plane.begin(), plane.end());
     };
     fitSurfaceDebug(r);

@@ -198,8 +198,8 @@ TEST(ImageIo, RefusesBadFilesAndImpossibleWritesNamingTheFile) {
       {"noise.png", "noise.png"},      {"cut.png", "cut.png"},      {"cut.tif", "TIFF"},
       {"huge.tif", "pixels"},
   };
-  for (const auto& [file, why] : unread)
-    test::ExpectRefused([&] { ReadImageFile(dir / file); }, file, why);
+  for (const auto& refusal : unread)
+    test::ExpectRefused([&] { ReadImageFile(dir / refusal.first); }, refusal.first, refusal.second);
   auto write = [&](const std::string& file, const LoadedImage& image, SampleDepth depth,
                    int quality, const std::string& why) {
     test::ExpectRefused([&] { WriteImageFile(dir / file, image, depth, quality); }, file, why);

@@ -129,7 +129,8 @@ TEST(KernelFile, RefusesUnusableKernelsSayingWhy) {
   };
   for (const auto& [name, bytes, expected] : cases) {
     if (!bytes.empty()) test::WriteFileBytes(dir / name, bytes);
-    test::ExpectRefused([&] { ReadKernelFile(dir / name); }, name, expected);
+    const auto path = dir / name;  // clang 14 cannot capture a structured binding
+    test::ExpectRefused([&] { ReadKernelFile(path); }, name, expected);
   }
 }
 
