@@ -35,14 +35,6 @@ constexpr GmresSettings kGmres = {.restart = 12,
 // Planes smaller than this are worked by one thread: waking the workers would cost more.
 constexpr ptrdiff_t kParallelFrom = 1 << 15;
 
-// Runs work(i) for i in [0, count) on the given threads.
-template <typename Work>
-void ForEach(int count, int threads, const Work& work) {
-  RunParallelRanges(count, threads, [&](ptrdiff_t begin, ptrdiff_t end) {
-    for (int i = static_cast<int>(begin); i < end; ++i) work(i);
-  });
-}
-
 // Whether every row (alongRows) or else every column of the plane holds one weight.
 bool ConstantAlong(std::span<const double> w, int32_t width, int32_t height, bool alongRows) {
   for (int32_t y = 0; y < height; ++y)
@@ -93,7 +85,7 @@ std::unique_ptr<ThinPlateCosineSolver> ThinPlateCosineSolver::TryCreate(
   s->upper1_.resize(n);
   // Whether mode k factorised; a byte a mode, so that no two threads write the same one.
   std::vector<char> regular(static_cast<size_t>(nt), 1);
-  ForEach(nt, s->threads_, [&](int k) {
+  RunParallelFor(nt, s->threads_, [&](int k) {
     const double theta = std::numbers::pi * k / nt;
     const double c1 = 2.0 * std::cos(theta), c2 = 2.0 * std::cos(2.0 * theta);
     using S = ThinPlateStencil;
@@ -151,7 +143,7 @@ ThinPlateCosineSolver::~ThinPlateCosineSolver() = default;
 // y = (B + diag(w)) x with B the 5 x 5 biharmonic stencil, neighbours clamped into the plane.
 void ThinPlateCosineSolver::ApplySystem(const double* x, double* y) const {
   const int W = width_, H = height_;
-  ForEach(H, threads_, [&](int r) {
+  RunParallelFor(H, threads_, [&](int r) {
     const double* row[5];
     for (int d = -2; d <= 2; ++d)
       row[d + 2] = x + static_cast<ptrdiff_t>(std::clamp(r + d, 0, H - 1)) * W;

@@ -16,14 +16,6 @@ constexpr ptrdiff_t kReductionBlock = 1 << 14;
 // Vectors shorter than this are worked by one thread: waking the workers would cost more.
 constexpr ptrdiff_t kParallelFrom = 1 << 15;
 
-// Runs work(i) for i in [0, n) on the given threads.
-template <typename Work>
-void ForEach(ptrdiff_t n, int threads, const Work& work) {
-  RunParallelRanges(n, threads, [&](ptrdiff_t begin, ptrdiff_t end) {
-    for (ptrdiff_t i = begin; i < end; ++i) work(i);
-  });
-}
-
 // The vector operations of the iteration over vectors of n values in blocks of
 // kReductionBlock, with the block sums kept for adding up in block order.
 class BlockedVectors {
@@ -131,7 +123,7 @@ GmresResult solveGmres(std::span<const double> rhs, std::span<double> x,
   while (true) {
     apply(x.data(), w);
     double* r = v[0];
-    ForEach(n, threads, [&](ptrdiff_t i) { r[i] = rhs[i] - w[i]; });
+    RunParallelFor(n, threads, [&](ptrdiff_t i) { r[i] = rhs[i] - w[i]; });
     const double beta = std::sqrt(vectors.Dot(r, r));
     if (!std::isfinite(beta)) return result;
     if (beta <= settings.tolerance * rhsNorm) {
@@ -161,7 +153,7 @@ GmresResult solveGmres(std::span<const double> rhs, std::span<double> x,
       if (h(j + 1, j) > 0.0) {
         const double inv = 1.0 / h(j + 1, j);
         double* next = v[j + 1];
-        ForEach(n, threads, [&](ptrdiff_t i) { next[i] = w[i] * inv; });
+        RunParallelFor(n, threads, [&](ptrdiff_t i) { next[i] = w[i] * inv; });
       }
       for (int i = 0; i < j; ++i) {  // earlier rotations on the new column
         const double t = cs[i] * h(i, j) + sn[i] * h(i + 1, j);
@@ -189,7 +181,7 @@ GmresResult solveGmres(std::span<const double> rhs, std::span<double> x,
     std::fill_n(w, n, 0.0);
     vectors.Subtract(w, v.data(), column.data(), steps);
     precondition(w, z);
-    ForEach(n, threads, [&](ptrdiff_t i) { x[i] += z[i]; });
+    RunParallelFor(n, threads, [&](ptrdiff_t i) { x[i] += z[i]; });
   }
 }
 

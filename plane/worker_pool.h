@@ -33,6 +33,14 @@ void RunParallelRanges(std::ptrdiff_t count, int threads, const Work& work) {
   RunParallelJobs(jobs, jobs, [&](int job) { work(count * job / jobs, count * (job + 1) / jobs); });
 }
 
+// Runs work(i) for every i in [0, count), in contiguous blocks as RunParallelRanges does.
+template <typename Work>
+void RunParallelFor(std::ptrdiff_t count, int threads, const Work& work) {
+  RunParallelRanges(count, threads, [&](std::ptrdiff_t begin, std::ptrdiff_t end) {
+    for (std::ptrdiff_t i = begin; i < end; ++i) work(i);
+  });
+}
+
 // The first and one-past-last of count items that job of jobs takes: contiguous blocks in job
 // order, sizes differing by at most one.
 inline int JobBegin(int count, int job, int jobs) {
