@@ -56,9 +56,10 @@ WorkingPlanes PrepareWorkingPlanes(const DeconvRequest& request, const SolverRun
     // size wide.
     const int padX = MarginFor(out.width, work.marginWidth, options.margins);
     const int padY = MarginFor(out.height, work.marginHeight, options.margins);
-    out.planes =
-        extendPeriodicBorderPlanes(out.planes, work.channels, out.width, out.height, padX, padY,
-                                   work.marginWidth, work.marginHeight, options.threads);
+    const auto extend = options.margins == MarginSize::kExact ? extendPeriodicBorderPlanes
+                                                              : extendPeriodicBorderPlanesFast;
+    out.planes = extend(out.planes, work.channels, out.width, out.height, padX, padY,
+                        work.marginWidth, work.marginHeight, options.threads);
     out.width += 2 * padX;
     out.height += 2 * padY;
     if (progress) progress("margins", kMarginShare);

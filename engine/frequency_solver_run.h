@@ -10,11 +10,12 @@
 
 namespace marlith {
 
-// How wide the smooth periodic margins are.
+// How wide the smooth periodic margins are and how they are fitted.
 enum class MarginSize {
-  kExact,  // three kernel sizes on every side: the command line's working size
+  kExact,  // three kernel sizes on every side: the command line's working size and fit
   kFast,   // at least that, widened so that the working width and height factor into 2, 3, 5
-           // and 7 only, where the transforms are fastest
+           // and 7 only, where the transforms are fastest, and fitted directly
+           // (extendPeriodicBorderPlanesFast)
 };
 
 // The planes a solve works on: every channel at the working size.

@@ -1,10 +1,15 @@
 #include "fit/border_extension.h"
 
 #include <cassert>
+#include <memory>
+#include <optional>
+#include <utility>
 #include <span>
 
 #include "fit/seam_layout.h"
 #include "fit/thin_plate_fit.h"
+#include "fit/thin_plate_strip_solver.h"
+#include "marlith/error.hpp"
 #include "plane/fftw_plan.h"
 
 namespace marlith {
@@ -48,6 +53,85 @@ std::vector<double> extendPeriodicBorderPlanes(std::span<const double> planes, i
     cornerSystem.Solve(corner, corner);
     AssemblePadded(L, image, lr.data() + c * lrSize, tb.data() + c * tbSize, corner.data(),
                    padded.data() + c * paddedSize);
+  }
+  return padded;
+}
+
+namespace {
+
+// One strip's fit, solved directly: fill(strip) writes its data, which is weighed and replaced
+// by the fit.
+class DirectStripFit {
+ public:
+  DirectStripFit(std::vector<double> weights, int w, int h, TransformedEnds ends, int threads)
+      : weights_(std::move(weights)),
+        strip_(weights_.size()),
+        solver_(ThinPlateStripSolver::TryCreate(weights_, w, h, threads, ends)) {
+    // The weights are non-negative and not all zero, so every mode's system is regular.
+    if (!solver_) throw Error("fast margins: a strip's banded system did not factorise");
+  }
+  template <typename Fill>
+  const double* Solve(Fill fill) {
+    fill(strip_.data());
+    for (size_t i = 0; i < strip_.size(); ++i) strip_[i] *= weights_[i];
+    solver_->SolveTransformed(strip_, strip_);
+    return strip_.data();
+  }
+
+ private:
+  std::vector<double> weights_, strip_;
+  std::unique_ptr<ThinPlateStripSolver> solver_;
+};
+
+}  // namespace
+
+std::vector<double> extendPeriodicBorderPlanesFast(std::span<const double> planes,
+                                                   int32_t channels, int32_t width, int32_t height,
+                                                   int32_t padX, int32_t padY, int32_t bandX,
+                                                   int32_t bandY, int threads) {
+  assert(bandX > 0 && bandX <= width && bandY > 0 && bandY <= height && padX >= 0 && padY >= 0);
+  const SeamLayout L(width, height, padX, padY, bandX, bandY);
+  const int PW = width + 2 * padX;
+  const size_t imageSize = static_cast<size_t>(width) * height;
+  const size_t paddedSize = static_cast<size_t>(PW) * (height + 2 * padY);
+  std::vector<double> padded;
+  ReservePlane(padded, paddedSize * channels);
+  padded.resize(paddedSize * channels);
+
+  // The image's rows with their side margins, from the left-right strip: rows of
+  // [second half of the gap | image row | first half of the gap].
+  {
+    std::optional<DirectStripFit> fit;
+    if (padX > 0) fit.emplace(LeftRightWeights(L), L.SW, L.H, TransformedEnds::kMirrored, threads);
+    for (int c = 0; c < channels; ++c) {
+      const double* image = planes.data() + c * imageSize;
+      const double* lr =
+          fit ? fit->Solve([&](double* strip) { FillLeftRight(L, image, strip); }) : nullptr;
+      for (int y = 0; y < height; ++y) {
+        double* out = padded.data() + c * paddedSize + static_cast<size_t>(padY + y) * PW;
+        std::copy_n(image + static_cast<size_t>(y) * width, width, out + padX);
+        if (!lr) continue;
+        const double* side = lr + static_cast<size_t>(y) * L.SW;
+        std::copy_n(side + L.SW / 2, padX, out);
+        std::copy_n(side + bandX, padX, out + padX + width);
+      }
+    }
+  }
+  // The rows above and below, from a top-bottom strip across those whole rows, which are
+  // periodic now: its rows [bandY, bandY + padY) go below the image, the next padY above it.
+  if (padY > 0) {
+    const SeamLayout rows(PW, height, 0, padY, 1, bandY);
+    DirectStripFit fit(TopBottomWeights(rows), PW, rows.SH, TransformedEnds::kPeriodic, threads);
+    for (int c = 0; c < channels; ++c) {
+      double* out = padded.data() + c * paddedSize;
+      const double* tb = fit.Solve([&](double* strip) {
+        FillTopBottom(rows, out + static_cast<size_t>(padY) * PW, strip);
+      });
+      std::copy_n(tb + static_cast<size_t>(bandY + padY) * PW, static_cast<size_t>(padY) * PW,
+                  out);
+      std::copy_n(tb + static_cast<size_t>(bandY) * PW, static_cast<size_t>(padY) * PW,
+                  out + static_cast<size_t>(padY + height) * PW);
+    }
   }
   return padded;
 }

@@ -35,4 +35,16 @@ std::vector<double> extendPeriodicBorderPlanes(std::span<const double> planes, i
                                                int32_t padY, int32_t bandX, int32_t bandY,
                                                int threads = 0);
 
+// The same margins fitted directly, in two transform solves a plane, for the fast working
+// sizes: first the left-right strip with its ends mirrored where the exact fit clamps them,
+// then one top-bottom strip across the whole padded width, which is periodic along it, so
+// that no corner block is needed. The result differs from the exact fit's near the corners by
+// much less than the margins differ from the image; it takes about a hundredth of the time.
+// Requires 0 < bandX <= width and 0 < bandY <= height. Throws marlith::Error when FFTW cannot
+// plan.
+std::vector<double> extendPeriodicBorderPlanesFast(std::span<const double> planes,
+                                                   int32_t channels, int32_t width, int32_t height,
+                                                   int32_t padX, int32_t padY, int32_t bandX,
+                                                   int32_t bandY, int threads = 0);
+
 }  // namespace marlith

@@ -51,7 +51,7 @@ KernelDescriptor bankKernel(BankKernel which);
 const KernelDescriptor* smoothingKernel(int32_t id);
 
 // The biharmonic (thin-plate) stencil, the 5-point Laplacian applied twice, by its taps' places
-// relative to the centre. The one definition: the bank's 5 x 5 table and the cosine solver's
+// relative to the centre. The one definition: the bank's 5 x 5 table and the strip solver's
 // operator and modes are all made from these four values.
 struct ThinPlateStencil {
   static constexpr double kCentre = 20.0;     // (0, 0)

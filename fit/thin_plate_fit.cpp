@@ -11,7 +11,7 @@
 
 #include "fit/kernel_bank.h"
 #include "fit/plane_filter.h"
-#include "fit/thin_plate_cosine_solver.h"
+#include "fit/thin_plate_strip_solver.h"
 #include "marlith/error.hpp"
 #include "plane/plane_convolution.h"
 
@@ -210,9 +210,9 @@ ThinPlateSystem::ThinPlateSystem(std::span<const double> weights, int32_t width,
                 std::to_string(height) + " plane is zero, so the system is singular");
   }
   if (method == ThinPlateMethod::kAutomatic) {
-    cosine_ = ThinPlateCosineSolver::TryCreate(weights_, width, height, threads);
+    strip_ = ThinPlateStripSolver::TryCreate(weights_, width, height, threads);
   }
-  if (!cosine_) factorisation_ = std::make_unique<Factorisation>(weights_, width, height);
+  if (!strip_) factorisation_ = std::make_unique<Factorisation>(weights_, width, height);
 }
 
 ThinPlateSystem::~ThinPlateSystem() = default;
@@ -221,7 +221,7 @@ void ThinPlateSystem::Solve(std::span<const double> data, std::span<double> outp
   const size_t n = weights_.size();
   std::vector<double> rhs(n), solution(n);
   for (size_t i = 0; i < n; ++i) rhs[i] = weights_[i] * data[i];
-  iterations_ = cosine_ && cosine_->Solve(rhs, solution) ? cosine_->lastIterations() : -1;
+  iterations_ = strip_ && strip_->Solve(rhs, solution) ? strip_->lastIterations() : -1;
   if (iterations_ < 0) {
     if (!factorisation_)
       factorisation_ = std::make_unique<Factorisation>(weights_, width_, height_);

@@ -35,7 +35,7 @@ struct ThinPlateRequest {
   int32_t height = 0;
 };
 
-class ThinPlateCosineSolver;
+class ThinPlateStripSolver;
 
 // How ThinPlateSystem solves.
 enum class ThinPlateMethod {
@@ -72,7 +72,7 @@ class ThinPlateSystem {
   struct Factorisation;
   // The sparse LU, made in the constructor or, after the iteration failed, on first need.
   mutable std::unique_ptr<Factorisation> factorisation_;
-  std::unique_ptr<ThinPlateCosineSolver> cosine_;
+  std::unique_ptr<ThinPlateStripSolver> strip_;
   std::vector<double> weights_;
   int32_t width_ = 0, height_ = 0;
   mutable int iterations_ = -1;

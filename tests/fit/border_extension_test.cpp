@@ -18,27 +18,43 @@ std::vector<double> Ramp(int W, int H, double phase) {
   return v;
 }
 
-// The extension written out step by step on the dense solver: left-right strip, top-bottom
-// strip, corner block (weight 1.0 on its top rows, 0.5 on its bottom rows), then the rows of
-// [second half of the gap | middle | first half of the gap].
-std::vector<double> ReferenceExtension(const std::vector<double>& img, int W, int H, int px, int py,
-                                       int bx, int by) {
-  const int SW = 2 * (bx + px), SH = 2 * (by + py), PW = W + 2 * px;
-  std::vector<double> lr(SW * H, 0.0), lw(SW * H, 0.0), tb(W * SH, 0.0), tw(W * SH, 0.0);
+using test::Ends;
+
+// The left-right strip's fit: the image's last bx columns, a gap of 2 px, its first bx columns.
+std::vector<double> LeftRightFit(const std::vector<double>& img, int W, int H, int px, int bx,
+                                 Ends endsY) {
+  const int SW = 2 * (bx + px);
+  std::vector<double> lr(SW * H, 0.0), lw(SW * H, 0.0);
   for (int y = 0; y < H; ++y)
     for (int i = 0; i < bx; ++i) {
       lr[y * SW + i] = img[y * W + W - bx + i];
       lr[y * SW + SW - bx + i] = img[y * W + i];
       lw[y * SW + i] = lw[y * SW + SW - bx + i] = 0.5;
     }
-  lr = test::DenseThinPlate(lr, lw, SW, H);
+  return test::DenseThinPlate(lr, lw, SW, H, Ends::kClamped, endsY);
+}
+
+// The top-bottom strip's fit of a W-wide plane: its last by rows, a gap of 2 py, its first by.
+std::vector<double> TopBottomFit(const double* img, int W, int H, int py, int by, Ends endsX) {
+  const int SH = 2 * (by + py);
+  std::vector<double> tb(W * SH, 0.0), tw(W * SH, 0.0);
   for (int k = 0; k < by; ++k)
     for (int x = 0; x < W; ++x) {
       tb[k * W + x] = img[(H - by + k) * W + x];
       tb[(SH - by + k) * W + x] = img[k * W + x];
       tw[k * W + x] = tw[(SH - by + k) * W + x] = 0.5;
     }
-  tb = test::DenseThinPlate(tb, tw, W, SH);
+  return test::DenseThinPlate(tb, tw, W, SH, endsX, Ends::kClamped);
+}
+
+// The extension written out step by step on the dense solver: left-right strip, top-bottom
+// strip, corner block (weight 1.0 on its top rows, 0.5 on its bottom rows), then the rows of
+// [second half of the gap | middle | first half of the gap].
+std::vector<double> ReferenceExtension(const std::vector<double>& img, int W, int H, int px, int py,
+                                       int bx, int by) {
+  const int SW = 2 * (bx + px), SH = 2 * (by + py), PW = W + 2 * px;
+  const auto lr = LeftRightFit(img, W, H, px, bx, Ends::kClamped);
+  const auto tb = TopBottomFit(img.data(), W, H, py, by, Ends::kClamped);
   std::vector<double> co(SW * SH, 0.0), cw(SW * SH, 0.0);
   for (int k = 0; k < by; ++k)
     for (int x = 0; x < SW; ++x) {
@@ -88,6 +104,46 @@ TEST(ExtendPeriodicBorder, MatchesTheStepsSolvedDenselyPlaneByPlane) {
     extendPeriodicBorder(r);
     EXPECT_EQ(r.paddedWidth, c.W + 2 * c.px);
     EXPECT_TRUE(std::equal(r.padded.begin(), r.padded.end(), padded.begin() + first.size()));
+  }
+}
+
+// The fast extension on the dense solver: the left-right strip mirrored at its ends, the
+// image's rows with their side margins, then a top-bottom strip across those rows, periodic
+// along them: its rows by + py on go above the image, its rows by on below.
+std::vector<double> ReferenceFastExtension(const std::vector<double>& img, int W, int H, int px,
+                                           int py, int bx, int by) {
+  const int SW = 2 * (bx + px), PW = W + 2 * px;
+  const auto lr = LeftRightFit(img, W, H, px, bx, Ends::kMirrored);
+  std::vector<double> out(PW * (H + 2 * py));
+  for (int y = 0; y < H; ++y)
+    for (int x = 0; x < PW; ++x)
+      out[(py + y) * PW + x] = x < px        ? lr[y * SW + SW / 2 + x]
+                               : x < px + W ? img[y * W + x - px]
+                                            : lr[y * SW + bx + x - px - W];
+  if (py == 0) return out;
+  const auto tb = TopBottomFit(&out[py * PW], PW, H, py, by, Ends::kPeriodic);
+  std::copy_n(&tb[(by + py) * PW], py * PW, out.begin());
+  std::copy_n(&tb[by * PW], py * PW, out.begin() + (py + H) * PW);
+  return out;
+}
+
+TEST(ExtendPeriodicBorderFast, MatchesTheStepsSolvedDensely) {
+  struct Case {
+    int W, H, px, py, bx, by;
+  };
+  for (const Case& c : {Case{7, 6, 2, 1, 2, 2}, Case{6, 5, 3, 2, 1, 2}, Case{5, 7, 0, 2, 2, 1},
+                        Case{6, 8, 2, 0, 6, 3}}) {
+    std::vector<double> planes = Ramp(c.W, c.H, 0.5), second = Ramp(c.W, c.H, 2.0);
+    planes.insert(planes.end(), second.begin(), second.end());
+    const auto padded =
+        extendPeriodicBorderPlanesFast(planes, 2, c.W, c.H, c.px, c.py, c.bx, c.by);
+    const auto first = ReferenceFastExtension(planes, c.W, c.H, c.px, c.py, c.bx, c.by);
+    const auto other = ReferenceFastExtension(second, c.W, c.H, c.px, c.py, c.bx, c.by);
+    ASSERT_EQ(padded.size(), 2 * first.size());
+    for (size_t i = 0; i < first.size(); ++i) {
+      ASSERT_NEAR(padded[i], first[i], 1e-9) << i << " of " << c.W << " x " << c.H;
+      ASSERT_NEAR(padded[first.size() + i], other[i], 1e-9) << i << " of " << c.W << " x " << c.H;
+    }
   }
 }
 

@@ -21,10 +21,24 @@ struct DenseSystem {
   std::vector<double> a, b;
 };
 
+// How neighbours beyond an end of an axis are read.
+enum class Ends { kClamped, kMirrored, kPeriodic };
+
+// The sample an axis of n samples reads for neighbour i (mirrored about the half-sample point:
+// -1 -> 0, -2 -> 1).
+inline int EndIndex(int i, int n, Ends ends) {
+  if (ends == Ends::kPeriodic) return ((i % n) + n) % n;
+  if (ends == Ends::kMirrored) return i < 0 ? -i - 1 : i >= n ? 2 * n - 1 - i : i;
+  return std::clamp(i, 0, n - 1);
+}
+
 // (B + diag(w)) x = w d, B the 5 x 5 biharmonic stencil (20 at the centre, -8 on the four
-// neighbours, 2 on the diagonals, 1 two steps out), neighbours clamped into the W x H plane.
+// neighbours, 2 on the diagonals, 1 two steps out), neighbours read beyond the W x H plane's
+// ends as asked per axis (clamped unless said).
 inline std::vector<double> DenseThinPlate(const std::vector<double>& d,
-                                          const std::vector<double>& w, int W, int H) {
+                                          const std::vector<double>& w, int W, int H,
+                                          Ends endsX = Ends::kClamped,
+                                          Ends endsY = Ends::kClamped) {
   static const int stencil[25] = {0,  0, 1, 0, 0,  0, 2, -8, 2, 0, 1, -8, 20,
                                   -8, 1, 0, 2, -8, 2, 0, 0,  0, 1, 0, 0};
   DenseSystem s(W * H);
@@ -32,7 +46,7 @@ inline std::vector<double> DenseThinPlate(const std::vector<double>& d,
     for (int c = 0; c < W; ++c) {
       const int row = r * W + c;
       for (int j = 0; j < 25; ++j)
-        s.at(row, std::clamp(r + j / 5 - 2, 0, H - 1) * W + std::clamp(c + j % 5 - 2, 0, W - 1)) +=
+        s.at(row, EndIndex(r + j / 5 - 2, H, endsY) * W + EndIndex(c + j % 5 - 2, W, endsX)) +=
             stencil[j];
       s.at(row, row) += w[row];
       s.b[row] = w[row] * d[row];

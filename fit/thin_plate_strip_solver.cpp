@@ -1,4 +1,4 @@
-#include "fit/thin_plate_cosine_solver.h"
+#include "fit/thin_plate_strip_solver.h"
 
 #include <algorithm>
 #include <cassert>
@@ -48,17 +48,19 @@ bool ConstantAlong(std::span<const double> w, int32_t width, int32_t height, boo
 
 }  // namespace
 
-std::unique_ptr<ThinPlateCosineSolver> ThinPlateCosineSolver::TryCreate(
-    std::span<const double> weights, int32_t width, int32_t height, int threads) {
+std::unique_ptr<ThinPlateStripSolver> ThinPlateStripSolver::TryCreate(
+    std::span<const double> weights, int32_t width, int32_t height, int threads,
+    TransformedEnds ends) {
   assert(width > 0 && height > 0);
   const bool rowsConstant = ConstantAlong(weights, width, height, true);
   const bool columnsConstant = !rowsConstant && ConstantAlong(weights, width, height, false);
   if (!rowsConstant && !columnsConstant) return nullptr;
 
-  std::unique_ptr<ThinPlateCosineSolver> s(new ThinPlateCosineSolver());
+  std::unique_ptr<ThinPlateStripSolver> s(new ThinPlateStripSolver());
   s->width_ = width;
   s->height_ = height;
   s->weightsAlongX_ = !rowsConstant;
+  s->periodic_ = ends == TransformedEnds::kPeriodic;
   // Planes smaller than kParallelFrom are worked by one thread.
   s->threads_ =
       static_cast<ptrdiff_t>(width) * height >= kParallelFrom ? ResolveThreads(threads) : 1;
@@ -67,15 +69,20 @@ std::unique_ptr<ThinPlateCosineSolver> ThinPlateCosineSolver::TryCreate(
   const int nt = rowsConstant ? width : height, nb = rowsConstant ? height : width;
   const int transformStride = rowsConstant ? 1 : width, bandStride = rowsConstant ? width : 1;
   s->transformLength_ = nt;
+  // DCT-III after DCT-II gives 2 nt times the input, the half-complex transform and its
+  // inverse nt times.
+  s->transformScale_ = s->periodic_ ? nt : 2.0 * nt;
   s->bandLength_ = nb;
   s->bandWeights_.resize(static_cast<size_t>(nb));
   for (int b = 0; b < nb; ++b) s->bandWeights_[b] = weights[static_cast<size_t>(b) * bandStride];
 
-  // The banded system of cosine mode k, theta = pi k / nt: the stencil's taps along the
-  // transformed axis become 2 cos(d theta) for the pair at distance d, leaving across the band
-  // the coefficients a0 at the centre, a1 one sample out and a2 two out, clamped at its ends.
+  // The banded system of mode k, at theta = pi k / nt for the cosine transform and 2 pi k / nt
+  // for the half-complex one (whose entries k and nt - k, the real and imaginary parts of one
+  // frequency, get the same system): the stencil's taps along the transformed axis become
+  // 2 cos(d theta) for the pair at distance d, leaving across the band the coefficients a0 at
+  // the centre, a1 one sample out and a2 two out, clamped at its ends.
   // Each is factorised as L U without pivoting, L unit lower and U upper, both of bandwidth 2:
-  // the systems are the cosine modes of a positive semi-definite operator plus non-negative
+  // the systems are the modes of a positive semi-definite operator plus non-negative
   // weights, apart from the clamped corners, and their pivots stay positive. A pivot that
   // vanishes (negative weights could make one) turns the solver down, and the caller solves
   // directly.
@@ -86,7 +93,7 @@ std::unique_ptr<ThinPlateCosineSolver> ThinPlateCosineSolver::TryCreate(
   // Whether mode k factorised; a byte a mode, so that no two threads write the same one.
   std::vector<char> regular(static_cast<size_t>(nt), 1);
   RunParallelFor(nt, s->threads_, [&](int k) {
-    const double theta = std::numbers::pi * k / nt;
+    const double theta = (s->periodic_ ? 2.0 : 1.0) * std::numbers::pi * k / nt;
     const double c1 = 2.0 * std::cos(theta), c2 = 2.0 * std::cos(2.0 * theta);
     using S = ThinPlateStencil;
     const double a[3] = {S::kCentre + S::kNeighbour * c1 + S::kFar * c2,
@@ -125,23 +132,24 @@ std::unique_ptr<ThinPlateCosineSolver> ThinPlateCosineSolver::TryCreate(
     const int length = nt, stride = transformStride, distance = bandStride;
     // The spectrum is laid out mode-fastest (row b of the band axis holds every mode), so the
     // band solves run along contiguous rows whichever axis is transformed.
-    fftw_r2r_kind dct2 = FFTW_REDFT10, dct3 = FFTW_REDFT01;
+    fftw_r2r_kind forwardKind = s->periodic_ ? FFTW_R2HC : FFTW_REDFT10;
+    fftw_r2r_kind inverseKind = s->periodic_ ? FFTW_HC2R : FFTW_REDFT01;
     s->forward_ = AdoptFftwPlan(
         fftw_plan_many_r2r(1, &length, nb, s->work_.get(), nullptr, stride, distance,
-                           s->spectrum_.get(), nullptr, 1, length, &dct2, FFTW_ESTIMATE),
-        "cosine transform of a thin-plate strip");
+                           s->spectrum_.get(), nullptr, 1, length, &forwardKind, FFTW_ESTIMATE),
+        "transform along a thin-plate strip");
     s->inverse_ = AdoptFftwPlan(
         fftw_plan_many_r2r(1, &length, nb, s->spectrum_.get(), nullptr, 1, length, s->work_.get(),
-                           nullptr, stride, distance, &dct3, FFTW_ESTIMATE),
-        "inverse cosine transform of a thin-plate strip");
+                           nullptr, stride, distance, &inverseKind, FFTW_ESTIMATE),
+        "inverse transform along a thin-plate strip");
   }
   return s;
 }
 
-ThinPlateCosineSolver::~ThinPlateCosineSolver() = default;
+ThinPlateStripSolver::~ThinPlateStripSolver() = default;
 
 // y = (B + diag(w)) x with B the 5 x 5 biharmonic stencil, neighbours clamped into the plane.
-void ThinPlateCosineSolver::ApplySystem(const double* x, double* y) const {
+void ThinPlateStripSolver::ApplySystem(const double* x, double* y) const {
   const int W = width_, H = height_;
   RunParallelFor(H, threads_, [&](int r) {
     const double* row[5];
@@ -170,14 +178,15 @@ void ThinPlateCosineSolver::ApplySystem(const double* x, double* y) const {
   });
 }
 
-// z = M^-1 r, M the system with the transformed axis mirrored instead of clamped.
-void ThinPlateCosineSolver::ApplyPreconditioner(const double* r, double* z) const {
+// z = M^-1 r, M the system with the transformed axis ending as asked (for the iteration,
+// mirrored instead of clamped).
+void ThinPlateStripSolver::ApplyPreconditioner(const double* r, double* z) const {
   const ptrdiff_t n = static_cast<ptrdiff_t>(width_) * height_;
   double* f = work_.get();
   std::copy_n(r, n, f);
   fftw_execute(forward_.get());
   const int nt = transformLength_, nb = bandLength_;
-  const double scale = 1.0 / (2.0 * nt);  // DCT-III after DCT-II gives 2 nt times the input
+  const double scale = 1.0 / transformScale_;
   double* spectrum = spectrum_.get();
   const double* l1 = lower1_.data();
   const double* invd = inverseDiagonal_.data();
@@ -224,9 +233,14 @@ void ThinPlateCosineSolver::ApplyPreconditioner(const double* r, double* z) cons
   std::copy_n(f, n, z);
 }
 
-bool ThinPlateCosineSolver::Solve(std::span<const double> rhs, std::span<double> x) const {
+void ThinPlateStripSolver::SolveTransformed(std::span<const double> rhs, std::span<double> x) const {
+  assert(rhs.size() >= static_cast<size_t>(width_) * height_ && x.size() >= rhs.size());
+  ApplyPreconditioner(rhs.data(), x.data());
+}
+
+bool ThinPlateStripSolver::Solve(std::span<const double> rhs, std::span<double> x) const {
   const size_t n = static_cast<size_t>(width_) * height_;
-  assert(rhs.size() >= n && x.size() >= n);
+  assert(rhs.size() >= n && x.size() >= n && !periodic_);
   GmresSettings settings = kGmres;
   settings.threads = threads_;
   const GmresResult result = solveGmres(
