@@ -48,20 +48,31 @@ constexpr size_t kHugePage = size_t{2} << 20;
 void* AllocatePlaneMemory(size_t bytes) {
   // 64 bytes suit every vector unit FFTW uses.
   const size_t alignment = bytes >= kHugePage ? kHugePage : 64;
-  void* p = std::aligned_alloc(alignment, (bytes + alignment - 1) / alignment * alignment);
-  if (p && alignment == kHugePage) madvise(p, bytes / kHugePage * kHugePage, MADV_HUGEPAGE);
+  const size_t rounded = (bytes + alignment - 1) / alignment * alignment;
+  void* p = std::aligned_alloc(alignment, rounded);
+  // The whole rounded block, so that the last part of the buffer is a huge page too.
+  if (p && alignment == kHugePage) madvise(p, rounded, MADV_HUGEPAGE);
   return p;
 }
 
 void FreePlaneMemory(void* p) { std::free(p); }
 
 void ReservePlane(std::vector<double>& plane, size_t count) {
-  plane.reserve(count);
+  // Room for whole huge pages less the allocator's header (glibc's 16 bytes before a mapped
+  // block): the kernel maps large blocks on huge-page boundaries, so the block then covers
+  // whole huge pages and neither end of the plane is left on small pages.
+  constexpr size_t kHeader = 16;
+  const size_t bytes = count * sizeof(double) < kHugePage
+                           ? count * sizeof(double)
+                           : ((count * sizeof(double) + kHeader + kHugePage - 1) &
+                              ~(kHugePage - 1)) - kHeader;
+  plane.reserve(bytes / sizeof(double));
   const auto begin = reinterpret_cast<uintptr_t>(plane.data());
-  const uintptr_t first = (begin + kHugePage - 1) & ~(kHugePage - 1);
-  const uintptr_t last = (begin + count * sizeof(double)) & ~(kHugePage - 1);
-  // Advice only: where the kernel declines, the plane works the same with small pages.
-  if (last > first) madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
+  const uintptr_t first = begin & ~(kHugePage - 1);
+  const uintptr_t last = (begin + bytes + kHugePage - 1) & ~(kHugePage - 1);
+  // Advice only: where the kernel declines (or the block is placed otherwise), the plane works
+  // the same with small pages.
+  if (bytes >= kHugePage) madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
 }
 
 FftwPlan AdoptFftwPlan(fftw_plan plan, const char* what) {
