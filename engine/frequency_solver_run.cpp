@@ -37,19 +37,35 @@ int NextFastSize(int minimum) {
   }
 }
 
-WorkingPlanes PrepareWorkingPlanes(const DeconvRequest& request, const SolverRunOptions& options) {
-  const RunProgress& progress = options.progress;
-  EvenSizeWork work = MakeEvenSizeWork(request);
-  // The kernel (with its zero border) must fit the image: its size is also the width of the
-  // bands the border extension fits from.
+namespace {
+
+// The kernel (with its zero border) must fit the image: its size is also the width of the
+// bands the border extension fits from.
+void CheckKernelFits(const DeconvRequest& request) {
   if (request.kernelWidth > request.width || request.kernelHeight > request.height) {
     throw Error("the kernel (" + std::to_string(request.kernelWidth) + " x " +
                 std::to_string(request.kernelHeight) +
                 " after trimming and bordering) is larger than the image (" +
                 std::to_string(request.width) + " x " + std::to_string(request.height) + ")");
   }
-  ExtendToEvenSize(work);
-  WorkingPlanes out{std::move(work.planes), work.workWidth, work.workHeight};
+}
+
+bool EvenSized(const DeconvRequest& request) {
+  return request.width % 2 == 0 && request.height % 2 == 0;
+}
+
+}  // namespace
+
+WorkingPlanes PrepareWorkingPlanes(const DeconvRequest& request, const SolverRunOptions& options) {
+  const RunProgress& progress = options.progress;
+  EvenSizeWork work = MakeEvenSizeWork(request);
+  CheckKernelFits(request);
+  // The margins are fitted from an even image where it lies; anything else is first copied
+  // (and extended to even sizes).
+  const bool copy = work.boundaryType == 0 || !EvenSized(request);
+  if (copy) ExtendToEvenSize(work);
+  WorkingPlanes out{std::move(work.planes), copy ? work.workWidth : work.width,
+                    copy ? work.workHeight : work.height};
   if (work.boundaryType != 0) {
     if (progress) progress("margins", 0.0);
     // Margins of (at least) three kernel sizes on every side, fitted from bands one kernel
@@ -58,8 +74,9 @@ WorkingPlanes PrepareWorkingPlanes(const DeconvRequest& request, const SolverRun
     const int padY = MarginFor(out.height, work.marginHeight, options.margins);
     const auto extend = options.margins == MarginSize::kExact ? extendPeriodicBorderPlanes
                                                               : extendPeriodicBorderPlanesFast;
-    out.planes = extend(out.planes, work.channels, out.width, out.height, padX, padY,
-                        work.marginWidth, work.marginHeight, options.threads);
+    out.planes = extend(copy ? std::span<const double>(out.planes) : work.input, work.channels,
+                        out.width, out.height, padX, padY, work.marginWidth, work.marginHeight,
+                        options.threads);
     out.width += 2 * padX;
     out.height += 2 * padY;
     if (progress) progress("margins", kMarginShare);
@@ -84,7 +101,17 @@ void Crop(const WorkingPlanes& work, const DeconvRequest& request) {
 }  // namespace
 
 int RunFrequencySolver(const DeconvRequest& request, const SolverRunOptions& options) {
-  WorkingPlanes work = PrepareWorkingPlanes(request, options);
+  // A periodic image of even size is solved where it lies, each channel's result written
+  // straight to the output; anything else on working planes, cropped back at the end.
+  const bool inPlace = request.boundaryType == 0 && EvenSized(request);
+  WorkingPlanes work;
+  if (inPlace) {
+    CheckKernelFits(request);
+    work.width = request.width;
+    work.height = request.height;
+  } else {
+    work = PrepareWorkingPlanes(request, options);
+  }
   const size_t planeSize = static_cast<size_t>(work.width) * work.height;
   ChannelSolver solver(
       work.width, work.height,
@@ -93,7 +120,8 @@ int RunFrequencySolver(const DeconvRequest& request, const SolverRunOptions& opt
       request.kernelWidth, request.kernelHeight, request.localPriorWeight,
       ResolveThreads(options.threads));
   const double start = SolveStart(request), share = (1.0 - start) / request.channels;
-  // Each channel's result replaces its working plane, which the solve no longer needs.
+  // Each channel's result replaces its working plane, which the solve no longer needs (the
+  // solver reads its input plane whole before it writes the result).
   for (int c = 0; c < request.channels; ++c) {
     if (options.progress) {
       const double from = start + share * c;
@@ -101,10 +129,14 @@ int RunFrequencySolver(const DeconvRequest& request, const SolverRunOptions& opt
         options.progress("deconvolution", from + share * f);
       });
     }
-    const std::span<double> plane(work.planes.data() + c * planeSize, planeSize);
-    solver.Solve(plane, plane, 1, request.noise);
+    const std::span<double> plane =
+        inPlace ? std::span<double>(request.output + c * planeSize, planeSize)
+                : std::span<double>(work.planes.data() + c * planeSize, planeSize);
+    solver.Solve(inPlace ? std::span<const double>(request.input + c * planeSize, planeSize)
+                         : plane,
+                 plane, 1, request.noise);
   }
-  Crop(work, request);
+  if (!inPlace) Crop(work, request);
   return 0;
 }
 
