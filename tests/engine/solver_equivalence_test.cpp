@@ -70,7 +70,7 @@ TEST(SolverEquivalence, FastSolverMatchesThePlainReferenceTo1e9) {
 TEST(SolverEquivalence, EngineRunsMatchTheReferenceOnEvenSizedPlanesCroppedBack) {
   // An odd 27 x 19 three-channel image with a diagonal line, extended to 28 x 20 by repeating
   // its last column and row, solved and cropped back; a 6 x 1 line, bordered to 8 x 3, on an
-  // 8 x 12 image: no room left across, some down.
+  // 8 x 12 image, solved where it lies: no room left across, some down.
   std::vector<double> diagonal(5 * 5, 0.0);
   for (int i = 0; i < 5; ++i) diagonal[i * 5 + i] = 1.0 / 5;
   const std::vector<double> line = {1 / 12.0, 2 / 12.0, 3 / 12.0, 3 / 12.0, 2 / 12.0, 1 / 12.0};
@@ -79,7 +79,7 @@ TEST(SolverEquivalence, EngineRunsMatchTheReferenceOnEvenSizedPlanesCroppedBack)
     const std::vector<double>& kernel;
     int kw, kh;
   };
-  for (const Run& c : {Run{27, 19, 3, diagonal, 5, 5}, Run{8, 12, 1, line, 6, 1}}) {
+  for (const Run& c : {Run{27, 19, 3, diagonal, 5, 5}, Run{8, 12, 3, line, 6, 1}}) {
     const int W = c.w + c.w % 2, H = c.h + c.h % 2, n = c.w * c.h;
     const auto input = test::RandomValues(c.channels * n, 5, 0.0, 1.0);
     std::vector<double> output(input.size());
