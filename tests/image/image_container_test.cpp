@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cmath>
 #include <filesystem>
 #include <limits>
 
@@ -130,6 +131,31 @@ TEST(PlaneSaving, WritesTheBytesTheFrozenCommandWroteAs24BitColour) {
       EXPECT_EQ(p.red, expected[0]) << c.name << " pixel " << i;
       EXPECT_EQ(p.green, expected[grey ? 0 : 1]) << c.name << " pixel " << i;
       EXPECT_EQ(p.blue, expected[grey ? 0 : 2]) << c.name << " pixel " << i;
+    }
+  }
+}
+
+// A PNG tall enough to be deflated in several parts reads back exactly through libspng (the
+// container's loader) and libpng (GraphicsMagick's).
+TEST(PlaneSaving, WritesPngsInPartsThatBothDecodersRead) {
+  TempDir dir;
+  const int width = 37, height = 300, n = width * height;
+  const std::vector<double> planes = test::RandomValues(3 * n, 21, 0.0, 1.0);
+  ASSERT_TRUE(SaveColourPlanes(planes, width, height, 3, dir / "parts.png").ok);
+  CxImage image;
+  ASSERT_TRUE(image.Load(dir / "parts.png", 0)) << image.GetLastError();
+  Magick::Image other(dir / "parts.png");
+  for (int i = 0; i < n; ++i) {
+    const PixelColor p = image.GetPixelColor(i % width, i / width, false);
+    const Magick::ColorRGB q = other.pixelColor(i % width, i / width);
+    const int read[2][3] = {{p.red, p.green, p.blue},
+                            {static_cast<int>(std::lround(q.red() * 255)),
+                             static_cast<int>(std::lround(q.green() * 255)),
+                             static_cast<int>(std::lround(q.blue() * 255))}};
+    for (int c = 0; c < 3; ++c) {
+      const int expected = static_cast<int>(planes[c * n + i] * 255);  // truncated
+      ASSERT_EQ(read[0][c], expected) << "libspng, pixel " << i;
+      ASSERT_EQ(read[1][c], expected) << "libpng, pixel " << i;
     }
   }
 }
