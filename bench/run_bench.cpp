@@ -1,7 +1,8 @@
 // Whole runs against the transform floor, measured in the same process: for each row the
 // working size, the inner rounds of all channels, the time of one forward and one inverse
-// transform at that size (FFTW_MEASURE plans, best of 15), the floor (rounds x that pair) and
-// the runs' best and median seconds with their ratios to the floor.
+// transform at that size (FFTW_MEASURE plans, best of 15, measured after the row's runs), the
+// floor (rounds x that pair) and the runs' best and median seconds with their ratios to the
+// floor.
 //
 // Usage: run_bench [--runs N | --floor-only] blurred kernel noise weight ROW...
 //   ROW command:B[:PATH]  the six-argument command (default build/app/marlith) with boundary B,
@@ -17,7 +18,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <map>
 #include <string>
 #include <thread>
 #include <utility>
@@ -82,6 +82,7 @@ struct Row {
   std::string label;
   std::vector<double> seconds, reported, margins;
   int W = 0, H = 0, rounds = 0;
+  double pair = 0.0;  // seconds of one forward and one inverse transform at W x H
 };
 
 double Median(std::vector<double> v) {
@@ -116,7 +117,6 @@ int main(int argc, char** argv) {
   const std::string out = std::string(folder) + "/out.png";
 
   std::vector<Row> rows;
-  std::map<std::pair<int, int>, double> pairs;
   try {
     for (int a = arg + 4; a < argc; ++a) {
       Row row;
@@ -152,8 +152,9 @@ int main(int argc, char** argv) {
           if (boundary != 0) row.margins.push_back(run.marginSeconds);
         }
       }
-      const auto size = std::make_pair(row.W, row.H);
-      if (!pairs.count(size)) pairs[size] = TransformPair(row.W, row.H, threads);
+      // Measured again after each row's runs, so that a change in the machine's speed (a
+      // shared virtual machine's varies by a quarter within minutes) shows in both.
+      row.pair = TransformPair(row.W, row.H, threads);
       rows.push_back(std::move(row));
       std::fprintf(stderr, "done: %s\n", rows.back().label.c_str());
     }
@@ -168,7 +169,7 @@ int main(int argc, char** argv) {
 
   if (floorOnly) {
     for (const Row& row : rows) {
-      const double pair = pairs[{row.W, row.H}];
+      const double pair = row.pair;
       std::printf("floor %d %d %d %.6f %.6f\n", row.W, row.H, row.rounds, pair, pair * row.rounds);
     }
     return 0;
@@ -179,7 +180,7 @@ int main(int argc, char** argv) {
       "| row | working plane | rounds | pair ms | floor s | best s | median s | best / floor | "
       "median / floor | median / first row |\n|---|---|---:|---:|---:|---:|---:|---:|---:|---:|\n");
   for (const Row& row : rows) {
-    const double pair = pairs[{row.W, row.H}], floor = pair * row.rounds;
+    const double pair = row.pair, floor = pair * row.rounds;
     const double best = *std::min_element(row.seconds.begin(), row.seconds.end());
     const double median = Median(row.seconds);
     std::printf("| %s | %d x %d | %d | %.2f | %.3f | %.3f | %.3f | %.2f | %.2f | %.2f |\n",
