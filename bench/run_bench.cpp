@@ -1,8 +1,8 @@
 // Whole runs against the transform floor, measured in the same process: for each row the
 // working size, the inner rounds of all channels, the time of one forward and one inverse
-// transform at that size (FFTW_MEASURE plans, best of 15, measured after the row's runs), the
-// floor (rounds x that pair) and the runs' best and median seconds with their ratios to the
-// floor.
+// transform at that size (FFTW_MEASURE plans, best of 15, measured after each run; the median
+// is shown), the floor (rounds x that pair), the runs' best and median seconds, and the best and
+// median of each run's ratio to the floor measured just after it.
 //
 // Usage: run_bench [--runs N | --floor-only] blurred kernel noise weight ROW...
 //   ROW command:B[:PATH]  the six-argument command (default build/app/marlith) with boundary B,
@@ -82,7 +82,8 @@ struct Row {
   std::string label;
   std::vector<double> seconds, reported, margins;
   int W = 0, H = 0, rounds = 0;
-  double pair = 0.0;  // seconds of one forward and one inverse transform at W x H
+  // Seconds of one forward and one inverse transform at W x H, measured after each run.
+  std::vector<double> pairs;
 };
 
 double Median(std::vector<double> v) {
@@ -151,10 +152,11 @@ int main(int argc, char** argv) {
           row.seconds.push_back(run.seconds);
           if (boundary != 0) row.margins.push_back(run.marginSeconds);
         }
+        // The floor is measured again after each run, so that a change in the machine's speed
+        // (a shared virtual machine's varies by half within seconds) shows in both.
+        row.pairs.push_back(TransformPair(row.W, row.H, threads));
       }
-      // Measured again after each row's runs, so that a change in the machine's speed (a
-      // shared virtual machine's varies by a quarter within minutes) shows in both.
-      row.pair = TransformPair(row.W, row.H, threads);
+      if (row.pairs.empty()) row.pairs.push_back(TransformPair(row.W, row.H, threads));
       rows.push_back(std::move(row));
       std::fprintf(stderr, "done: %s\n", rows.back().label.c_str());
     }
@@ -169,7 +171,7 @@ int main(int argc, char** argv) {
 
   if (floorOnly) {
     for (const Row& row : rows) {
-      const double pair = row.pair;
+      const double pair = Median(row.pairs);
       std::printf("floor %d %d %d %.6f %.6f\n", row.W, row.H, row.rounds, pair, pair * row.rounds);
     }
     return 0;
@@ -180,12 +182,17 @@ int main(int argc, char** argv) {
       "| row | working plane | rounds | pair ms | floor s | best s | median s | best / floor | "
       "median / floor | median / first row |\n|---|---|---:|---:|---:|---:|---:|---:|---:|---:|\n");
   for (const Row& row : rows) {
-    const double pair = row.pair, floor = pair * row.rounds;
+    const double pair = Median(row.pairs), floor = pair * row.rounds;
     const double best = *std::min_element(row.seconds.begin(), row.seconds.end());
     const double median = Median(row.seconds);
+    // Each run against the floor measured just after it.
+    std::vector<double> ratios;
+    for (size_t r = 0; r < row.seconds.size(); ++r)
+      ratios.push_back(row.seconds[r] / (row.pairs[r] * row.rounds));
     std::printf("| %s | %d x %d | %d | %.2f | %.3f | %.3f | %.3f | %.2f | %.2f | %.2f |\n",
                 row.label.c_str(), row.W, row.H, row.rounds, pair * 1e3, floor, best, median,
-                best / floor, median / floor, median / Median(rows.front().seconds));
+                *std::min_element(ratios.begin(), ratios.end()), Median(ratios),
+                median / Median(rows.front().seconds));
   }
   for (const Row& row : rows) {
     if (row.margins.empty()) continue;

@@ -245,8 +245,8 @@ std::string DeblurHelpText() {
          "                             as periodic (circularly blurred test images) [" +
          NameOf(d.boundary, kBoundaries) +
          "]\n"
-         "  -m, --margins fast|exact   smooth margins widened to fast transform sizes, or\n"
-         "                             three kernel sizes exactly [" +
+         "  -m, --margins fast|exact   smooth margins widened to fast transform sizes and\n"
+         "                             fitted directly, or three kernel sizes exactly [" +
          NameOf(d.margins, kMargins) +
          "]\n"
          "      --kernel-origin center|support\n"

@@ -159,8 +159,9 @@ def deconvolve(
         "smooth" gives the image smooth periodic margins first (right for photographs);
         "periodic" takes the image as periodic (right for circularly blurred test images).
     margins : {"fast", "exact"}, optional
-        "exact" adds three kernel sizes on every side, as the ``marlith`` command line does;
-        "fast" widens them so that the transforms run at fast sizes.
+        "exact" adds three kernel sizes on every side and fits them as the ``marlith``
+        command line does; "fast" widens them so that the transforms run at fast sizes and
+        fits them directly, with the same quality in a small part of the time.
     kernel_origin : {"center", "support"}, optional
         "center": the kernel array's centre sample ``(KH // 2, KW // 2)`` is its origin, as in
         scipy.ndimage and scikit-image. "support": the kernel is trimmed to its support, which
