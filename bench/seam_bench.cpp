@@ -73,8 +73,8 @@ int main(int argc, char** argv) {
     const auto start = std::chrono::steady_clock::now();
     const std::vector<double> padded =
         extendPeriodicBorderPlanesFast(image, 1, W, H, L.padX, L.padY, L.bandX, L.bandY);
-    std::printf("fast margins, both strips solved directly: %.3f s, peak %ld MiB\n",
-                Seconds(start), PeakMiB());
+    std::printf("fast margins, both strips solved directly: %.3f s, peak %ld MiB\n", Seconds(start),
+                PeakMiB());
   }
   struct Strip {
     const char* name;

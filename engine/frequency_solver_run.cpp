@@ -74,9 +74,9 @@ WorkingPlanes PrepareWorkingPlanes(const DeconvRequest& request, const SolverRun
     const int padY = MarginFor(out.height, work.marginHeight, options.margins);
     const auto extend = options.margins == MarginSize::kExact ? extendPeriodicBorderPlanes
                                                               : extendPeriodicBorderPlanesFast;
-    out.planes = extend(copy ? std::span<const double>(out.planes) : work.input, work.channels,
-                        out.width, out.height, padX, padY, work.marginWidth, work.marginHeight,
-                        options.threads);
+    out.planes =
+        extend(copy ? std::span<const double>(out.planes) : work.input, work.channels, out.width,
+               out.height, padX, padY, work.marginWidth, work.marginHeight, options.threads);
     out.width += 2 * padX;
     out.height += 2 * padY;
     if (progress) progress("margins", kMarginShare);
@@ -132,9 +132,9 @@ int RunFrequencySolver(const DeconvRequest& request, const SolverRunOptions& opt
     const std::span<double> plane =
         inPlace ? std::span<double>(request.output + c * planeSize, planeSize)
                 : std::span<double>(work.planes.data() + c * planeSize, planeSize);
-    solver.Solve(inPlace ? std::span<const double>(request.input + c * planeSize, planeSize)
-                         : plane,
-                 plane, 1, request.noise);
+    solver.Solve(
+        inPlace ? std::span<const double>(request.input + c * planeSize, planeSize) : plane, plane,
+        1, request.noise);
   }
   if (!inPlace) Crop(work, request);
   return 0;

@@ -3,8 +3,8 @@
 #include <cassert>
 #include <memory>
 #include <optional>
-#include <utility>
 #include <span>
+#include <utility>
 
 #include "fit/seam_layout.h"
 #include "fit/thin_plate_fit.h"
@@ -85,10 +85,10 @@ class DirectStripFit {
 
 }  // namespace
 
-std::vector<double> extendPeriodicBorderPlanesFast(std::span<const double> planes,
-                                                   int32_t channels, int32_t width, int32_t height,
-                                                   int32_t padX, int32_t padY, int32_t bandX,
-                                                   int32_t bandY, int threads) {
+std::vector<double> extendPeriodicBorderPlanesFast(std::span<const double> planes, int32_t channels,
+                                                   int32_t width, int32_t height, int32_t padX,
+                                                   int32_t padY, int32_t bandX, int32_t bandY,
+                                                   int threads) {
   assert(bandX > 0 && bandX <= width && bandY > 0 && bandY <= height && padX >= 0 && padY >= 0);
   const SeamLayout L(width, height, padX, padY, bandX, bandY);
   const int PW = width + 2 * padX;
@@ -120,15 +120,13 @@ std::vector<double> extendPeriodicBorderPlanesFast(std::span<const double> plane
   // The rows above and below, from a top-bottom strip across those whole rows, which are
   // periodic now: its rows [bandY, bandY + padY) go below the image, the next padY above it.
   if (padY > 0) {
-    const SeamLayout rows(PW, height, 0, padY, 1, bandY);
+    const SeamLayout rows(PW, height, 0, padY, bandX, bandY);
     DirectStripFit fit(TopBottomWeights(rows), PW, rows.SH, TransformedEnds::kPeriodic, threads);
     for (int c = 0; c < channels; ++c) {
       double* out = padded.data() + c * paddedSize;
-      const double* tb = fit.Solve([&](double* strip) {
-        FillTopBottom(rows, out + static_cast<size_t>(padY) * PW, strip);
-      });
-      std::copy_n(tb + static_cast<size_t>(bandY + padY) * PW, static_cast<size_t>(padY) * PW,
-                  out);
+      const double* tb = fit.Solve(
+          [&](double* strip) { FillTopBottom(rows, out + static_cast<size_t>(padY) * PW, strip); });
+      std::copy_n(tb + static_cast<size_t>(bandY + padY) * PW, static_cast<size_t>(padY) * PW, out);
       std::copy_n(tb + static_cast<size_t>(bandY) * PW, static_cast<size_t>(padY) * PW,
                   out + static_cast<size_t>(padY + height) * PW);
     }

@@ -42,9 +42,9 @@ std::vector<double> extendPeriodicBorderPlanes(std::span<const double> planes, i
 // much less than the margins differ from the image; it takes about a hundredth of the time.
 // Requires 0 < bandX <= width and 0 < bandY <= height. Throws marlith::Error when FFTW cannot
 // plan.
-std::vector<double> extendPeriodicBorderPlanesFast(std::span<const double> planes,
-                                                   int32_t channels, int32_t width, int32_t height,
-                                                   int32_t padX, int32_t padY, int32_t bandX,
-                                                   int32_t bandY, int threads = 0);
+std::vector<double> extendPeriodicBorderPlanesFast(std::span<const double> planes, int32_t channels,
+                                                   int32_t width, int32_t height, int32_t padX,
+                                                   int32_t padY, int32_t bandX, int32_t bandY,
+                                                   int threads = 0);
 
 }  // namespace marlith

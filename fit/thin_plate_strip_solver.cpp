@@ -233,7 +233,8 @@ void ThinPlateStripSolver::ApplyPreconditioner(const double* r, double* z) const
   std::copy_n(f, n, z);
 }
 
-void ThinPlateStripSolver::SolveTransformed(std::span<const double> rhs, std::span<double> x) const {
+void ThinPlateStripSolver::SolveTransformed(std::span<const double> rhs,
+                                            std::span<double> x) const {
   assert(rhs.size() >= static_cast<size_t>(width_) * height_ && x.size() >= rhs.size());
   ApplyPreconditioner(rhs.data(), x.data());
 }

@@ -31,9 +31,10 @@ enum class TransformedEnds { kMirrored, kPeriodic };
 class ThinPlateStripSolver {
  public:
   // Returns a solver when the width x height weight plane is constant along its rows or along
-  // its columns and every mode's banded system factorises, and nothing
-  // otherwise. threads: threads for the transforms and passes (0: every core). Throws
-  // marlith::Error when FFTW cannot plan.
+  // its columns and every mode's banded system factorises, and nothing otherwise; the
+  // transformed axis is the one along which the weights are constant (the rows when both are).
+  // threads: threads for the transforms and passes (0: every core). Throws marlith::Error when
+  // FFTW cannot plan.
   static std::unique_ptr<ThinPlateStripSolver> TryCreate(
       std::span<const double> weights, int32_t width, int32_t height, int threads = 0,
       TransformedEnds ends = TransformedEnds::kMirrored);
@@ -46,8 +47,8 @@ class ThinPlateStripSolver {
   void SolveTransformed(std::span<const double> rhs, std::span<double> x) const;
 
   // Solves (B + diag(w)) x = rhs into x, clamped at every end, iterating on mirrored solves
-  // (which it requires). Returns false, leaving x undefined, when the iteration
-  // does not reach the tolerance, so the caller can solve another way.
+  // (which it requires). Returns false, leaving x undefined, when the iteration does not reach
+  // the tolerance, so the caller can solve another way.
   bool Solve(std::span<const double> rhs, std::span<double> x) const;
 
   // Iterations the last Solve took (for the tests and benchmarks).
@@ -63,7 +64,8 @@ class ThinPlateStripSolver {
   int32_t transformLength_ = 0, bandLength_ = 0;
   bool weightsAlongX_ = false;  // the weights change along x (constant down columns)
   bool periodic_ = false;       // the transformed axis is periodic, else mirrored
-  double transformScale_ = 1.0;  // the inverse transform of the forward one is 1 / this times the input
+  // The inverse transform of the forward one gives this times the input.
+  double transformScale_ = 1.0;
   int threads_ = 1;
   std::vector<double> bandWeights_;  // w along the banded axis
   // The L U factors of every mode's banded system, laid out as the spectrum (band row b, mode

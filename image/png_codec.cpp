@@ -5,9 +5,10 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <memory>
+#include <system_error>
 #include <thread>
 #include <vector>
-#include <memory>
 
 namespace marlith {
 namespace {
@@ -59,8 +60,8 @@ namespace {
 // a byte boundary (a sync flush), or finishes the stream for the last part.
 struct DeflatedPart {
   std::string data;
-  uLong adler = 0;     // Adler-32 of the part's filtered rows
-  size_t length = 0;   // bytes of filtered rows
+  uLong adler = 0;    // Adler-32 of the part's filtered rows
+  size_t length = 0;  // bytes of filtered rows
   bool ok = false;
 };
 
@@ -128,8 +129,14 @@ bool EncodeRgb8Png(const uint8_t* rgb, int32_t width, int32_t height, std::strin
   {
     std::vector<std::jthread> helpers;
     for (int p = 1; p < parts; ++p) {
-      helpers.emplace_back(
-          [&, p] { DeflateRows(rgb, stride, rowOf(p), rowOf(p + 1), p + 1 == parts, deflated[p]); });
+      auto deflatePart = [&, p] {
+        DeflateRows(rgb, stride, rowOf(p), rowOf(p + 1), p + 1 == parts, deflated[p]);
+      };
+      try {
+        helpers.emplace_back(deflatePart);
+      } catch (const std::system_error&) {
+        deflatePart();  // no thread to be had: this one does the part
+      }
     }
     DeflateRows(rgb, stride, 0, rowOf(1), parts == 1, deflated[0]);
   }

@@ -62,10 +62,10 @@ void ReservePlane(std::vector<double>& plane, size_t count) {
   // block): the kernel maps large blocks on huge-page boundaries, so the block then covers
   // whole huge pages and neither end of the plane is left on small pages.
   constexpr size_t kHeader = 16;
-  const size_t bytes = count * sizeof(double) < kHugePage
-                           ? count * sizeof(double)
-                           : ((count * sizeof(double) + kHeader + kHugePage - 1) &
-                              ~(kHugePage - 1)) - kHeader;
+  const size_t bytes =
+      count * sizeof(double) < kHugePage
+          ? count * sizeof(double)
+          : ((count * sizeof(double) + kHeader + kHugePage - 1) & ~(kHugePage - 1)) - kHeader;
   plane.reserve(bytes / sizeof(double));
   const auto begin = reinterpret_cast<uintptr_t>(plane.data());
   const uintptr_t first = begin & ~(kHugePage - 1);

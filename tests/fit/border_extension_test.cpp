@@ -117,7 +117,7 @@ std::vector<double> ReferenceFastExtension(const std::vector<double>& img, int W
   std::vector<double> out(PW * (H + 2 * py));
   for (int y = 0; y < H; ++y)
     for (int x = 0; x < PW; ++x)
-      out[(py + y) * PW + x] = x < px        ? lr[y * SW + SW / 2 + x]
+      out[(py + y) * PW + x] = x < px       ? lr[y * SW + SW / 2 + x]
                                : x < px + W ? img[y * W + x - px]
                                             : lr[y * SW + bx + x - px - W];
   if (py == 0) return out;
@@ -135,8 +135,7 @@ TEST(ExtendPeriodicBorderFast, MatchesTheStepsSolvedDensely) {
                         Case{6, 8, 2, 0, 6, 3}}) {
     std::vector<double> planes = Ramp(c.W, c.H, 0.5), second = Ramp(c.W, c.H, 2.0);
     planes.insert(planes.end(), second.begin(), second.end());
-    const auto padded =
-        extendPeriodicBorderPlanesFast(planes, 2, c.W, c.H, c.px, c.py, c.bx, c.by);
+    const auto padded = extendPeriodicBorderPlanesFast(planes, 2, c.W, c.H, c.px, c.py, c.bx, c.by);
     const auto first = ReferenceFastExtension(planes, c.W, c.H, c.px, c.py, c.bx, c.by);
     const auto other = ReferenceFastExtension(second, c.W, c.H, c.px, c.py, c.bx, c.by);
     ASSERT_EQ(padded.size(), 2 * first.size());
