@@ -84,29 +84,6 @@ std::vector<double> ReferenceExtension(const std::vector<double>& img, int W, in
   return out;
 }
 
-TEST(ExtendPeriodicBorder, MatchesTheStepsSolvedDenselyPlaneByPlane) {
-  struct Case {
-    int W, H, px, py, bx, by;
-  };
-  for (const Case& c : {Case{7, 6, 2, 1, 2, 2}, Case{6, 5, 3, 2, 1, 2}, Case{5, 7, 0, 2, 2, 1}}) {
-    // Two planes at once: each must come out as the reference of its own.
-    std::vector<double> planes = Ramp(c.W, c.H, 0.5), second = Ramp(c.W, c.H, 2.0);
-    planes.insert(planes.end(), second.begin(), second.end());
-    const auto padded = extendPeriodicBorderPlanes(planes, 2, c.W, c.H, c.px, c.py, c.bx, c.by);
-    const auto first = ReferenceExtension(planes, c.W, c.H, c.px, c.py, c.bx, c.by);
-    const auto other = ReferenceExtension(second, c.W, c.H, c.px, c.py, c.bx, c.by);
-    ASSERT_EQ(padded.size(), 2 * first.size());
-    for (size_t i = 0; i < first.size(); ++i) {  // values on the image's [0, 1] scale
-      ASSERT_NEAR(padded[i], first[i], 1e-9) << i << " of " << c.W << " x " << c.H;
-      ASSERT_NEAR(padded[first.size() + i], other[i], 1e-9) << i << " of " << c.W << " x " << c.H;
-    }
-    BorderExtensionRequest r{second, {}, c.W, c.H, c.px, c.py, 0, 0, c.bx, c.by};
-    extendPeriodicBorder(r);
-    EXPECT_EQ(r.paddedWidth, c.W + 2 * c.px);
-    EXPECT_TRUE(std::equal(r.padded.begin(), r.padded.end(), padded.begin() + first.size()));
-  }
-}
-
 // The fast extension on the dense solver: the left-right strip mirrored at its ends, the
 // image's rows with their side margins, then a top-bottom strip across those rows, periodic
 // along them: its rows by + py on go above the image, its rows by on below.
@@ -127,21 +104,40 @@ std::vector<double> ReferenceFastExtension(const std::vector<double>& img, int W
   return out;
 }
 
-TEST(ExtendPeriodicBorderFast, MatchesTheStepsSolvedDensely) {
+// Both extensions against their steps written out densely, two planes at once: each must come
+// out as the reference of its own.
+TEST(ExtendPeriodicBorder, MatchesTheStepsSolvedDenselyPlaneByPlane) {
   struct Case {
     int W, H, px, py, bx, by;
   };
-  for (const Case& c : {Case{7, 6, 2, 1, 2, 2}, Case{6, 5, 3, 2, 1, 2}, Case{5, 7, 0, 2, 2, 1},
-                        Case{6, 8, 2, 0, 6, 3}}) {
-    std::vector<double> planes = Ramp(c.W, c.H, 0.5), second = Ramp(c.W, c.H, 2.0);
-    planes.insert(planes.end(), second.begin(), second.end());
-    const auto padded = extendPeriodicBorderPlanesFast(planes, 2, c.W, c.H, c.px, c.py, c.bx, c.by);
-    const auto first = ReferenceFastExtension(planes, c.W, c.H, c.px, c.py, c.bx, c.by);
-    const auto other = ReferenceFastExtension(second, c.W, c.H, c.px, c.py, c.bx, c.by);
-    ASSERT_EQ(padded.size(), 2 * first.size());
-    for (size_t i = 0; i < first.size(); ++i) {
-      ASSERT_NEAR(padded[i], first[i], 1e-9) << i << " of " << c.W << " x " << c.H;
-      ASSERT_NEAR(padded[first.size() + i], other[i], 1e-9) << i << " of " << c.W << " x " << c.H;
+  using Extend = std::vector<double> (*)(std::span<const double>, int32_t, int32_t, int32_t,
+                                         int32_t, int32_t, int32_t, int32_t, int);
+  using Reference =
+      std::vector<double> (*)(const std::vector<double>&, int, int, int, int, int, int);
+  const std::pair<Extend, Reference> fits[] = {
+      {extendPeriodicBorderPlanes, ReferenceExtension},
+      {extendPeriodicBorderPlanesFast, ReferenceFastExtension}};
+  for (const auto& [extend, reference] : fits) {
+    for (const Case& c : {Case{7, 6, 2, 1, 2, 2}, Case{6, 5, 3, 2, 1, 2}, Case{5, 7, 0, 2, 2, 1},
+                          Case{6, 8, 2, 0, 6, 3}}) {
+      const bool fast = extend == extendPeriodicBorderPlanesFast;
+      std::vector<double> planes = Ramp(c.W, c.H, 0.5), second = Ramp(c.W, c.H, 2.0);
+      planes.insert(planes.end(), second.begin(), second.end());
+      const auto padded = extend(planes, 2, c.W, c.H, c.px, c.py, c.bx, c.by, 0);
+      const auto first = reference(planes, c.W, c.H, c.px, c.py, c.bx, c.by);
+      const auto other = reference(second, c.W, c.H, c.px, c.py, c.bx, c.by);
+      ASSERT_EQ(padded.size(), 2 * first.size());
+      for (size_t i = 0; i < first.size(); ++i) {  // values on the image's [0, 1] scale
+        ASSERT_NEAR(padded[i], first[i], 1e-9)
+            << fast << ": " << i << " of " << c.W << " x " << c.H;
+        ASSERT_NEAR(padded[first.size() + i], other[i], 1e-9)
+            << fast << ": " << i << " of " << c.W << " x " << c.H;
+      }
+      if (fast) continue;
+      BorderExtensionRequest r{second, {}, c.W, c.H, c.px, c.py, 0, 0, c.bx, c.by};
+      extendPeriodicBorder(r);
+      EXPECT_EQ(r.paddedWidth, c.W + 2 * c.px);
+      EXPECT_TRUE(std::equal(r.padded.begin(), r.padded.end(), padded.begin() + first.size()));
     }
   }
 }
