@@ -2,11 +2,12 @@
 // this process, or in an earlier one through the disk cache) is measured once, and its wisdom
 // kept in memory for the process and on disk for later runs.
 //
-// The disk cache is one file per FFTW build and machine in $MARLITH_FFTW_WISDOM, or when that is
-// unset in $XDG_CACHE_HOME/marlith (~/.cache/marlith without XDG_CACHE_HOME);
-// MARLITH_FFTW_WISDOM=off (or empty) keeps wisdom in memory only. A file that cannot be read,
-// does not check out or comes from another FFTW or machine is ignored (and replaced on the next
-// save); files are written to a temporary name and renamed into place.
+// The disk cache is one file per transform (kind, size and threads), FFTW build and machine,
+// read when that transform is planned, in $MARLITH_FFTW_WISDOM, or when that is unset in
+// $XDG_CACHE_HOME/marlith (~/.cache/marlith without XDG_CACHE_HOME); MARLITH_FFTW_WISDOM=off
+// (or empty) keeps wisdom in memory only. A file that cannot be read, does not check out or
+// comes from another FFTW or machine is ignored (and replaced on the next save); files are
+// written to a temporary name and renamed into place.
 #pragma once
 
 #include <fftw3.h>

@@ -1,5 +1,6 @@
 // The wisdom file: read back as written, refused when altered, cut short or from another
-// machine; and a size planned a second time measured, a third time taken from wisdom.
+// machine; and a size planned a second time measured, a third time taken from wisdom, each
+// transform in a file of its own.
 #include "plane/fftw_wisdom.h"
 
 #include <gtest/gtest.h>
@@ -46,6 +47,7 @@ TEST(WisdomStore, MeasuresASizePlannedTwiceAndKeepsItOnDisk) {
     EXPECT_EQ(LastPlanSource(), PlanSource::kMeasured);
     SpectralTransform third(70, 36, SpectralTransform::kForward);
     EXPECT_EQ(LastPlanSource(), PlanSource::kFromWisdom);
+    SpectralTransform other(48, 40, SpectralTransform::kForward);  // a file of its own
   }
   std::string text;
   int files = 0;
@@ -54,7 +56,7 @@ TEST(WisdomStore, MeasuresASizePlannedTwiceAndKeepsItOnDisk) {
     EXPECT_EQ(entry.path().filename().string().rfind("fftw-wisdom-", 0), 0u);
     EXPECT_EQ(entry.path().extension(), ".txt");  // no temporary file left behind
   }
-  EXPECT_EQ(files, 1);
+  EXPECT_EQ(files, 2);
   std::filesystem::remove_all(folder);
 }
 
