@@ -25,7 +25,11 @@ void ChannelSolver::Solve(std::span<const double> observed, std::span<double> re
     solver_.SetImage(observed.data() + c * planeSize);
     solver_.PrepareWeights(129);
     solver_.SolveWithNoise(noise);
-    std::copy(solver_.output().begin(), solver_.output().end(), result.begin() + c * planeSize);
+    // With no round to do (a very large noise strength) the output is the input plane itself,
+    // which may already be where the result goes.
+    const std::span<const double> output = solver_.output();
+    if (output.data() != result.data() + c * planeSize)
+      std::copy(output.begin(), output.end(), result.begin() + c * planeSize);
   }
 }
 

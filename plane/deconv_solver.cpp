@@ -412,9 +412,10 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
 
   const int W = width_, H = height_;
   const size_t n = planeSize_, nc = spectrumSize_;
-  // L and the previous L alternate between two buffers, so keeping the previous estimate costs
-  // no copy. A round transforms one real plane, the adjoint differences of the auxiliary
-  // gradients, and the division turns its spectrum into L's in place.
+  // The first round reads the image itself as L; after it L and the previous L alternate
+  // between two buffers, so keeping the previous estimate costs no copy. A round transforms one
+  // real plane, the adjoint differences of the auxiliary gradients, and the division turns its
+  // spectrum into L's in place.
   if (!latentA_) {
     latentA_ = AllocateFftwBuffer<double>(n);
     latentB_ = AllocateFftwBuffer<double>(n);
@@ -428,9 +429,9 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
   const int jobs = std::min(threads_, H);
   std::vector<double> rows(static_cast<size_t>(jobs) * 3 * W);
   std::vector<double> rowChange(H), rowNorm(H);
-  double* latent = latentA_.get();
-  double* previous = latentB_.get();
-  std::copy_n(imagePlane_, n, latent);
+  const double* latent = imagePlane_;  // the estimate a round reads
+  double* next = latentA_.get();       // the buffer it writes its new estimate into
+  double* spare = latentB_.get();
 
   const double q = localPriorWeight;
   const PriorShape shape{priorSlope, priorCurvature, priorOffset, priorThreshold};
@@ -488,7 +489,6 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
           std::swap(psiY, psiYAbove);
         }
       });
-      std::swap(latent, previous);
       forwardTransform_->Forward(adjoint, spectrum);
       // L^ = (gamma R^ + N) / (gamma |D|^2 + |K|^2), row by row.
       RunParallelJobs(jobs, threads_, [&](int job) {
@@ -506,16 +506,16 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
           DivideSpectralRow(r, spectrum + row);
         }
       });
-      inverseTransform_->InverseUnscaled(spectrum, latent);
+      inverseTransform_->InverseUnscaled(spectrum, next);
       // Sums per row, added in row order: the same result for any number of threads.
       RunParallelJobs(jobs, threads_, [&](int job) {
         for (int y = JobBegin(H, job, jobs); y < JobBegin(H, job + 1, jobs); ++y) {
           double c = 0.0, m = 0.0;
           const size_t row = static_cast<size_t>(y) * W;
           for (int x = 0; x < W; ++x) {
-            const double d = latent[row + x] - previous[row + x];
+            const double d = next[row + x] - latent[row + x];
             c += d * d;
-            m += latent[row + x] * latent[row + x];
+            m += next[row + x] * next[row + x];
           }
           rowChange[y] = c;
           rowNorm[y] = m;
@@ -527,6 +527,8 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
         norm += rowNorm[y];
       }
       ratio = std::sqrt(change) / std::sqrt(norm);
+      latent = next;
+      std::swap(next, spare);
       ++round;
       if (progress) {
         progress((lastSolve.outerRounds + static_cast<double>(round) / std::max(1u, maxInner)) /
