@@ -120,12 +120,7 @@ void CheckRequest(const DeconvRequest& request) {
   }
 }
 
-std::vector<double> NewImagePlanes(size_t count) {
-  std::vector<double> planes;
-  ReservePlane(planes, count);
-  planes.resize(count);
-  return planes;
-}
+std::vector<double> NewImagePlanes(size_t count) { return NewPlane(count); }
 
 DeconvRequest MakeScaledRequest(const double* input, double* output, int32_t width, int32_t height,
                                 int32_t channels, const double* kernel, int32_t kernelWidth,

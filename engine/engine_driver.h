@@ -38,8 +38,9 @@ DeconvRequest MakeScaledRequest(const double* input, double* output, int32_t wid
 // sizes too large to hold, or a noise or weight that is not finite.
 void CheckRequest(const DeconvRequest& request);
 
-// count zeros for a caller's image planes, in memory that fills with a page fault per 2 MiB
-// rather than per 4 KiB (first touches of fresh memory are a large part of a short run).
+// count zeros for a caller's image planes on huge pages: the plane layer's NewPlane, for the
+// doors, which do not use that layer (first touches of fresh memory are a large part of a
+// short run).
 std::vector<double> NewImagePlanes(size_t count);
 
 // Checks the request's sizes and pointers (throws marlith::Error naming the fault), prepares

@@ -42,9 +42,7 @@ std::vector<double> extendPeriodicBorderPlanes(std::span<const double> planes, i
   fitStrips(TopBottomWeights(L), L.W, L.SH, FillTopBottom, tb);
   // The padded planes are obtained only now, so the strips' systems did not share the memory
   // with them.
-  std::vector<double> padded;
-  ReservePlane(padded, paddedSize * channels);
-  padded.resize(paddedSize * channels);
+  std::vector<double> padded = NewPlane(paddedSize * channels);
   const ThinPlateSystem cornerSystem(CornerWeights(L), L.SW, L.SH, ThinPlateMethod::kAutomatic,
                                      threads);
   for (int c = 0; c < channels; ++c) {
@@ -94,9 +92,7 @@ std::vector<double> extendPeriodicBorderPlanesFast(std::span<const double> plane
   const int PW = width + 2 * padX;
   const size_t imageSize = static_cast<size_t>(width) * height;
   const size_t paddedSize = static_cast<size_t>(PW) * (height + 2 * padY);
-  std::vector<double> padded;
-  ReservePlane(padded, paddedSize * channels);
-  padded.resize(paddedSize * channels);
+  std::vector<double> padded = NewPlane(paddedSize * channels);
 
   // The image's rows with their side margins, from the left-right strip: rows of
   // [second half of the gap | image row | first half of the gap].

@@ -57,7 +57,7 @@ void* AllocatePlaneMemory(size_t bytes) {
 
 void FreePlaneMemory(void* p) { std::free(p); }
 
-void ReservePlane(std::vector<double>& plane, size_t count) {
+std::vector<double> NewPlane(size_t count) {
   // Room for whole huge pages less the allocator's header (glibc's 16 bytes before a mapped
   // block): the kernel maps large blocks on huge-page boundaries, so the block then covers
   // whole huge pages and neither end of the plane is left on small pages.
@@ -66,6 +66,7 @@ void ReservePlane(std::vector<double>& plane, size_t count) {
       count * sizeof(double) < kHugePage
           ? count * sizeof(double)
           : ((count * sizeof(double) + kHeader + kHugePage - 1) & ~(kHugePage - 1)) - kHeader;
+  std::vector<double> plane;
   plane.reserve(bytes / sizeof(double));
   const auto begin = reinterpret_cast<uintptr_t>(plane.data());
   const uintptr_t first = begin & ~(kHugePage - 1);
@@ -73,6 +74,8 @@ void ReservePlane(std::vector<double>& plane, size_t count) {
   // Advice only: where the kernel declines (or the block is placed otherwise), the plane works
   // the same with small pages.
   if (bytes >= kHugePage) madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
+  plane.resize(count);
+  return plane;
 }
 
 FftwPlan AdoptFftwPlan(fftw_plan plan, const char* what) {

@@ -43,9 +43,9 @@ FftwBuffer<T> AllocateFftwBuffer(size_t count) {
   return FftwBuffer<T>(static_cast<T*>(p));
 }
 
-// Gives an empty plane room for count values, the whole 2 MiB blocks of it offered to the
-// kernel as transparent huge pages, without touching it: filling it then takes a page fault
-// per 2 MiB instead of one per 4 KiB. For the large planes a run allocates once.
-void ReservePlane(std::vector<double>& plane, size_t count);
+// A plane of count zeros in memory offered to the kernel as transparent huge pages: filling
+// it takes a page fault per 2 MiB instead of one per 4 KiB. For the large planes a run
+// allocates once.
+std::vector<double> NewPlane(size_t count);
 
 }  // namespace marlith

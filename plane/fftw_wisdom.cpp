@@ -89,7 +89,6 @@ bool WriteAtomically(const std::string& folder, const std::string& path, const s
 // of its own transforms, however many sizes the cache holds (one file of every size's wisdom
 // took 10 to 13 ms to import at 600 KB, and grew with every size).
 struct Store {
-  bool loaded = false;
   std::string folder;              // empty when the disk cache is off
   std::set<std::string> seen;      // keys planned before, in this process or an earlier one
   std::set<std::string> imported;  // keys whose files were read from folder
@@ -123,8 +122,7 @@ void ImportKeyFile(Store& store, const std::string& key) {
 // Reads key's file once, and again when the environment names another folder.
 void Load(Store& store, const std::string& key) {
   const std::string folder = WisdomDirectory();
-  if (!store.loaded || folder != store.folder) store.imported.clear();
-  store.loaded = true;
+  if (folder != store.folder) store.imported.clear();
   store.folder = folder;
   if (store.imported.insert(key).second) ImportKeyFile(store, key);
 }

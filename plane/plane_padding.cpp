@@ -130,9 +130,7 @@ void ExtendToEvenSize(EvenSizeWork& work) {
   work.workWidth = W;
   work.workHeight = H;
   const size_t plane = static_cast<size_t>(W) * H;
-  work.planes.clear();
-  ReservePlane(work.planes, plane * work.channels);
-  work.planes.resize(plane * work.channels);
+  work.planes = NewPlane(plane * work.channels);
   for (int c = 0; c < work.channels; ++c) {
     const double* src = work.input.data() + static_cast<size_t>(c) * w * h;
     double* dst = work.planes.data() + c * plane;
