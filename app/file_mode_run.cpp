@@ -56,15 +56,15 @@ ImagePlanes ImageToPlanes(const CxImage& image) {
   out.channels = image.GetColorType() == 2 ? 3 : 1;
   const size_t planeSize = static_cast<size_t>(out.width) * out.height;
   out.planes = NewImagePlanes(planeSize * out.channels);
-  for (int32_t y = 0; y < out.height; ++y) {
-    for (int32_t x = 0; x < out.width; ++x) {
-      const PixelColor p = image.GetPixelColor(x, y, true);
-      const size_t i = static_cast<size_t>(y) * out.width + x;
-      out.planes[i] = p.red / 255.0;
-      if (out.channels == 3) {
-        out.planes[planeSize + i] = p.green / 255.0;
-        out.planes[2 * planeSize + i] = p.blue / 255.0;
-      }
+  const std::span<const PixelColor> pixels = image.Pixels();
+  double* red = out.planes.data();
+  for (size_t i = 0; i < planeSize; ++i) red[i] = pixels[i].red / 255.0;
+  if (out.channels == 3) {
+    double* green = red + planeSize;
+    double* blue = green + planeSize;
+    for (size_t i = 0; i < planeSize; ++i) {
+      green[i] = pixels[i].green / 255.0;
+      blue[i] = pixels[i].blue / 255.0;
     }
   }
   return out;
@@ -77,12 +77,11 @@ ImagePlanes KernelFromImage(const CxImage& image) {
   kernel.channels = 1;
   kernel.planes.resize(static_cast<size_t>(kernel.width) * kernel.height);
   double sum = 0.0;
-  for (int32_t y = 0; y < kernel.height; ++y) {
-    for (int32_t x = 0; x < kernel.width; ++x) {
-      const double v = image.GetPixelColor(x, y, true).red / 255.0;
-      kernel.planes[static_cast<size_t>(y) * kernel.width + x] = v;
-      sum += v;
-    }
+  const std::span<const PixelColor> pixels = image.Pixels();
+  for (size_t i = 0; i < kernel.planes.size(); ++i) {
+    const double v = pixels[i].red / 255.0;
+    kernel.planes[i] = v;
+    sum += v;
   }
   // An all-black kernel would give 0 / 0 here: refused by name instead.
   if (!(sum > 0.0)) throw Error("the kernel image is black (its red levels sum to 0)");

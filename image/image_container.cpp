@@ -124,10 +124,6 @@ void CxImage::Clear(uint8_t value) {
   std::fill(pixels_.begin(), pixels_.end(), PixelColor{value, value, value, value});
 }
 
-void CxImage::SetPixelColor(int32_t x, int32_t y, PixelColor color) {
-  pixels_[static_cast<size_t>(y) * width_ + x] = color;
-}
-
 bool CxImage::Save(const std::string& path, int32_t typeCode) {
   const char* format = MagickFormat(typeCode);
   if (!format) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -47,11 +48,14 @@ class CxImage {
   // The colour at (x, y), row 0 at the top; alpha is 255 unless withAlpha and the image has an
   // alpha layer. (x, y) must lie inside the image.
   PixelColor GetPixelColor(int32_t x, int32_t y, bool withAlpha = true) const;
+  // Every pixel, row-major from the top row, alpha as stored (0 in a created image): for loops
+  // over the whole image, which a call per pixel would slow several times over.
+  std::span<const PixelColor> Pixels() const { return pixels_; }
+  std::span<PixelColor> Pixels() { return pixels_; }
 
   // A new width x height image of the given bits per pixel (24 here), all bytes 0.
   bool Create(int32_t width, int32_t height, int32_t bitsPerPixel, int32_t typeCode);
   void Clear(uint8_t value);
-  void SetPixelColor(int32_t x, int32_t y, PixelColor color);
   // Encodes the image as typeCode (1, 3 or 4) and writes it to path. The bytes go to a
   // temporary file in the target folder that is renamed over path only when complete, so a
   // failed save leaves any previous file at path untouched. Returns false (and sets the last

@@ -42,30 +42,26 @@ SaveResult SaveGreyPlane(std::span<const double> plane, int32_t width, int32_t h
   CxImage image;
   if (!image.Create(width, height, 24, 0)) return {false, image.GetLastError()};
   image.Clear(0);
+  const std::span<PixelColor> pixels = image.Pixels();
   if (mode == 0) {
-    for (int32_t y = 0; y < height; ++y)
-      for (int32_t x = 0; x < width; ++x) {
-        uint8_t b;
-        if (SampleByte(plane[static_cast<size_t>(y) * width + x], b)) {
-          image.SetPixelColor(x, y, PixelColor{b, b, b, 0});
-        }
-      }
+    for (size_t i = 0; i < pixels.size(); ++i) {
+      uint8_t b;
+      if (SampleByte(plane[i], b)) pixels[i] = PixelColor{b, b, b, 0};
+    }
   } else if (mode == 1) {
     double largest = -1e6, smallest = 1e6;
     for (double v : plane.first(static_cast<size_t>(width) * height)) {
       largest = std::max(largest, v);
       smallest = std::min(smallest, v);
     }
-    for (int32_t y = 0; y < height; ++y)
-      for (int32_t x = 0; x < width; ++x) {
-        const double v =
-            (plane[static_cast<size_t>(y) * width + x] - smallest) / (largest - smallest) * 255.0;
-        // A constant plane stretches 0 / 0: such pixels (and anything outside the byte range,
-        // which a stretch cannot produce otherwise) are left black rather than converted.
-        if (!(v >= 0.0 && v < 256.0)) continue;
-        const auto b = static_cast<uint8_t>(static_cast<int>(v));
-        image.SetPixelColor(x, y, PixelColor{b, b, b, 0});
-      }
+    for (size_t i = 0; i < pixels.size(); ++i) {
+      const double v = (plane[i] - smallest) / (largest - smallest) * 255.0;
+      // A constant plane stretches 0 / 0: such pixels (and anything outside the byte range,
+      // which a stretch cannot produce otherwise) are left black rather than converted.
+      if (!(v >= 0.0 && v < 256.0)) continue;
+      const auto b = static_cast<uint8_t>(static_cast<int>(v));
+      pixels[i] = PixelColor{b, b, b, 0};
+    }
   }
   return Finish(image, path);
 }
@@ -76,15 +72,16 @@ SaveResult SaveColourPlanes(std::span<const double> planes, int32_t width, int32
   if (!image.Create(width, height, 24, 0)) return {false, image.GetLastError()};
   image.Clear(0);
   const size_t planeSize = static_cast<size_t>(width) * height;
-  for (int32_t c = 0; c < std::min(channels, 3); ++c)
-    for (int32_t y = 0; y < height; ++y)
-      for (int32_t x = 0; x < width; ++x) {
-        uint8_t b;
-        if (!SampleByte(planes[c * planeSize + static_cast<size_t>(y) * width + x], b)) continue;
-        PixelColor p = image.GetPixelColor(x, y, false);
-        (c == 0 ? p.red : c == 1 ? p.green : p.blue) = b;
-        image.SetPixelColor(x, y, p);
-      }
+  const std::span<PixelColor> pixels = image.Pixels();
+  uint8_t PixelColor::*const channelByte[] = {&PixelColor::red, &PixelColor::green,
+                                               &PixelColor::blue};
+  for (int32_t c = 0; c < std::min(channels, 3); ++c) {
+    const double* plane = planes.data() + c * planeSize;
+    for (size_t i = 0; i < planeSize; ++i) {
+      uint8_t b;
+      if (SampleByte(plane[i], b)) pixels[i].*channelByte[c] = b;
+    }
+  }
   return Finish(image, path);
 }
 
