@@ -47,7 +47,17 @@ set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION graphics)
-# Depends: from the shared libraries the binaries use (dpkg-shlibdeps, from dpkg-dev).
+# Depends: from the shared libraries the binaries use (dpkg-shlibdeps, from dpkg-dev), and the
+# packages of the two libraries opened at run time, which dpkg-shlibdeps cannot see.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(opened_packages)
+foreach(library ${OPENBLAS_LIBRARY} ${UMFPACK_LIBRARY})
+  get_filename_component(file ${library} REALPATH)
+  execute_process(COMMAND dpkg-query -S ${file} OUTPUT_VARIABLE owner ERROR_QUIET)
+  if(owner MATCHES "^([^:]+):")
+    list(APPEND opened_packages ${CMAKE_MATCH_1})
+  endif()
+endforeach()
+string(REPLACE ";" ", " CPACK_DEBIAN_PACKAGE_DEPENDS "${opened_packages}")
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 include(CPack)

@@ -14,9 +14,34 @@
 #include "fit/thin_plate_strip_solver.h"
 #include "marlith/error.hpp"
 #include "plane/plane_convolution.h"
+#include "plane/system_library.h"
 
 namespace marlith {
 namespace {
+
+// UMFPACK's routines, from the library opened the first time a system is factored.
+struct UmfpackRoutines {
+  decltype(&umfpack_dl_defaults) defaults;
+  decltype(&umfpack_dl_symbolic) symbolic;
+  decltype(&umfpack_dl_numeric) numeric;
+  decltype(&umfpack_dl_solve) solve;
+  decltype(&umfpack_dl_free_symbolic) freeSymbolic;
+  decltype(&umfpack_dl_free_numeric) freeNumeric;
+};
+
+const UmfpackRoutines& Umfpack() {
+  static const UmfpackRoutines routines = [] {
+    static const SystemLibrary library(MARLITH_UMFPACK_SONAME);
+    return UmfpackRoutines{
+        library.Get<decltype(umfpack_dl_defaults)>("umfpack_dl_defaults"),
+        library.Get<decltype(umfpack_dl_symbolic)>("umfpack_dl_symbolic"),
+        library.Get<decltype(umfpack_dl_numeric)>("umfpack_dl_numeric"),
+        library.Get<decltype(umfpack_dl_solve)>("umfpack_dl_solve"),
+        library.Get<decltype(umfpack_dl_free_symbolic)>("umfpack_dl_free_symbolic"),
+        library.Get<decltype(umfpack_dl_free_numeric)>("umfpack_dl_free_numeric")};
+  }();
+  return routines;
+}
 
 // Every UMFPACK status passes through here. Status is checked rather than ignored: a singular
 // system would otherwise hand back a plane of garbage or infinities without a word. The two
@@ -101,10 +126,10 @@ SparseMatrixCSR buildFilterMatrix(std::span<const double> kernel, int32_t kernel
 
 // Owners of UMFPACK's symbolic and numeric objects.
 struct SymbolicFree {
-  void operator()(void* symbolic) const { umfpack_dl_free_symbolic(&symbolic); }
+  void operator()(void* symbolic) const { Umfpack().freeSymbolic(&symbolic); }
 };
 struct NumericFree {
-  void operator()(void* numeric) const { umfpack_dl_free_numeric(&numeric); }
+  void operator()(void* numeric) const { Umfpack().freeNumeric(&numeric); }
 };
 using UmfpackSymbolic = std::unique_ptr<void, SymbolicFree>;
 using UmfpackNumeric = std::unique_ptr<void, NumericFree>;
@@ -168,18 +193,18 @@ ThinPlateSystem::Factorisation::Factorisation(const std::vector<double>& weights
   // on a 1224 x 816 colour image with a 25-sample kernel, peak 578 MB and 6.0 s against
   // AMD's 691 MB and 5.0 s.
   double control[UMFPACK_CONTROL];
-  umfpack_dl_defaults(control);
+  Umfpack().defaults(control);
   control[UMFPACK_STRATEGY] = UMFPACK_STRATEGY_SYMMETRIC;
   control[UMFPACK_ORDERING] = UMFPACK_ORDERING_AMD;
   void* symbolicHandle = nullptr;
-  int status = umfpack_dl_symbolic(order, order, columnStarts.data(), rowIndices.data(),
-                                   values.data(), &symbolicHandle, control, nullptr);
+  int status = Umfpack().symbolic(order, order, columnStarts.data(), rowIndices.data(),
+                                  values.data(), &symbolicHandle, control, nullptr);
   const UmfpackSymbolic symbolic(symbolicHandle);
   CheckUmfpack(status, "ordering");
   double info[UMFPACK_INFO];
   void* numericHandle = nullptr;
-  status = umfpack_dl_numeric(columnStarts.data(), rowIndices.data(), values.data(), symbolic.get(),
-                              &numericHandle, control, info);
+  status = Umfpack().numeric(columnStarts.data(), rowIndices.data(), values.data(), symbolic.get(),
+                             &numericHandle, control, info);
   numeric.reset(numericHandle);
   // A second guard for other near-singular weightings: an exact zero pivot is reported as a
   // warning, a tiny one by the pivot ratio.
@@ -190,8 +215,8 @@ ThinPlateSystem::Factorisation::Factorisation(const std::vector<double>& weights
 }
 
 void ThinPlateSystem::Factorisation::Solve(const double* rhs, double* solution) const {
-  CheckUmfpack(umfpack_dl_solve(UMFPACK_At, columnStarts.data(), rowIndices.data(), values.data(),
-                                solution, rhs, numeric.get(), nullptr, nullptr),
+  CheckUmfpack(Umfpack().solve(UMFPACK_At, columnStarts.data(), rowIndices.data(), values.data(),
+                               solution, rhs, numeric.get(), nullptr, nullptr),
                "solve");
 }
 

@@ -1,12 +1,11 @@
 #include "refine/kernel_reestimation.h"
 
-#include <cblas.h>
-
 #include <algorithm>
 #include <cassert>
 #include <cmath>
 
 #include "plane/plane_convolution.h"
+#include "refine/blas_routines.h"
 
 namespace marlith {
 
@@ -57,10 +56,10 @@ void buildNormalEquations(std::span<const double> observed, std::span<const doub
           std::copy_n(L + static_cast<size_t>(by + r + offsetY(i)) * W + x0 + offsetX(i), cols,
                       xi + static_cast<size_t>(r) * cols);
       }
-      cblas_dsyrk(CblasRowMajor, CblasUpper, CblasNoTrans, K, static_cast<int>(samples), 1.0,
-                  X.data(), static_cast<int>(samples), 1.0, N.data(), K);
-      cblas_dgemv(CblasRowMajor, CblasNoTrans, K, static_cast<int>(samples), 1.0, X.data(),
-                  static_cast<int>(samples), y.data(), 1, 1.0, h.data(), 1);
+      Blas().dsyrk(CblasRowMajor, CblasUpper, CblasNoTrans, K, static_cast<int>(samples), 1.0,
+                   X.data(), static_cast<int>(samples), 1.0, N.data(), K);
+      Blas().dgemv(CblasRowMajor, CblasNoTrans, K, static_cast<int>(samples), 1.0, X.data(),
+                   static_cast<int>(samples), y.data(), 1, 1.0, h.data(), 1);
     }
   }
   for (int32_t i = 0; i < K; ++i)

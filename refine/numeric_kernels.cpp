@@ -1,12 +1,11 @@
 #include "refine/numeric_kernels.h"
 
-#include <cblas.h>
-
 #include <algorithm>
 #include <cassert>
 #include <cmath>
 #include <vector>
 
+#include "refine/blas_routines.h"
 #include "wmlMath/WmlLinearSystem.h"
 
 namespace marlith {
@@ -66,8 +65,8 @@ void matrixVectorProduct(const DenseMatrixView& m, int32_t order, const double* 
     temporary.resize(static_cast<size_t>(outCount));
     out = temporary.data();
   }
-  cblas_dgemv(CblasRowMajor, t ? CblasTrans : CblasNoTrans, m.rows, m.columns, 1.0, m.data,
-              m.columns, x, 1, 0.0, out, 1);
+  Blas().dgemv(CblasRowMajor, t ? CblasTrans : CblasNoTrans, m.rows, m.columns, 1.0, m.data,
+               m.columns, x, 1, 0.0, out, 1);
   if (x == y) std::copy(temporary.begin(), temporary.end(), y);
 }
 
@@ -84,8 +83,8 @@ void matrixMatrixProduct(int32_t order, const DenseMatrixView& a, const DenseMat
     temporary.resize(static_cast<size_t>(m) * b.columns);
     out = temporary.data();
   }
-  cblas_dgemm(CblasRowMajor, t ? CblasTrans : CblasNoTrans, CblasNoTrans, m, b.columns, k, 1.0,
-              a.data, a.columns, b.data, b.columns, 0.0, out, b.columns);
+  Blas().dgemm(CblasRowMajor, t ? CblasTrans : CblasNoTrans, CblasNoTrans, m, b.columns, k, 1.0,
+               a.data, a.columns, b.data, b.columns, 0.0, out, b.columns);
   if (out != c.data) std::copy(temporary.begin(), temporary.end(), c.data);
 }
 
