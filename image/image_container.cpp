@@ -1,13 +1,11 @@
 #include "image/image_container.h"
 
-#include <Magick++.h>
-
 #include <algorithm>
 #include <stdexcept>
 #include <string_view>
 
 #include "image/file_bytes.h"
-#include "image/magick_decoding.h"
+#include "image/magick_module.h"
 #include "image/png_codec.h"
 
 namespace marlith {
@@ -28,11 +26,9 @@ const char* MagickFormat(int32_t typeCode) {
   }
 }
 
-uint8_t ToByte(Magick::Quantum q) { return static_cast<uint8_t>(ScaleQuantumToChar(q)); }
-
 }  // namespace
 
-CxImage::CxImage() { InitialiseImageLibrary(); }
+CxImage::CxImage() = default;
 CxImage::~CxImage() = default;
 
 bool CxImage::Load(const std::string& path, int32_t typeCode) {
@@ -52,44 +48,32 @@ bool CxImage::Load(const std::string& path, int32_t typeCode) {
     return true;
   }
   width_ = height_ = 0;
-  const Magick::Blob blob(bytes.data(), bytes.size());
-  bytes.clear();
-  bytes.shrink_to_fit();
   // Decodes with a definite format (or by content when format is null).
-  auto decode = [&](const char* format, Magick::Image& image, std::string& error) {
-    return DecodeImageBlob(blob, format, path, image, error);
+  ContainerPixels decoded;
+  auto decode = [&](const char* format, std::string& error) {
+    return Magick().decodeContainer(bytes, format, path, decoded, error);
   };
-
-  Magick::Image image;
   const bool definite = typeCode >= 1 && typeCode <= 10;
   std::string firstError;
   bool ok = false;
-  if (definite) ok = MagickFormat(typeCode) && decode(MagickFormat(typeCode), image, firstError);
-  if (!ok) {
-    image = Magick::Image();
-    std::string secondError;
-    ok = decode(nullptr, image, secondError);
-    if (!ok) lastError_ = definite && !firstError.empty() ? firstError : secondError;
+  try {
+    if (definite) ok = MagickFormat(typeCode) && decode(MagickFormat(typeCode), firstError);
+    if (!ok) {
+      std::string secondError;
+      ok = decode(nullptr, secondError);
+      if (!ok) lastError_ = definite && !firstError.empty() ? firstError : secondError;
+    }
+  } catch (const std::exception& e) {  // the module cannot be opened
+    lastError_ = e.what();
+    return false;
   }
   if (!ok) return false;
-  // The JPEG decoder hands CMYK (Adobe's inverted form already undone) through as is, which
-  // would read as false colours: convert to RGB, (1 - C)(1 - K) and so on. Only JPEG: every
-  // other image keeps the pixels it always gave.
-  if (image.colorSpace() == Magick::CMYKColorspace && image.magick() == "JPEG") {
-    image.colorSpace(Magick::RGBColorspace);
-  }
-
-  width_ = static_cast<int32_t>(image.columns());
-  height_ = static_cast<int32_t>(image.rows());
-  hasAlpha_ = image.matte();
+  width_ = decoded.width;
+  height_ = decoded.height;
+  hasAlpha_ = decoded.hasAlpha;
   // Palette and grey images are decoded as PseudoClass: at most 8 bits per pixel as stored.
-  bitsPerPixel_ = image.classType() == Magick::PseudoClass ? 8 : 24;
-  pixels_.resize(static_cast<size_t>(width_) * height_);
-  const Magick::PixelPacket* p = image.getConstPixels(0, 0, width_, height_);
-  for (size_t i = 0; i < pixels_.size(); ++i) {
-    pixels_[i] = PixelColor{ToByte(p[i].blue), ToByte(p[i].green), ToByte(p[i].red),
-                            static_cast<uint8_t>(255 - ToByte(p[i].opacity))};
-  }
+  bitsPerPixel_ = decoded.pseudoClass ? 8 : 24;
+  pixels_ = std::move(decoded.pixels);
   lastError_.clear();
   return true;
 }
@@ -134,8 +118,8 @@ bool CxImage::Save(const std::string& path, int32_t typeCode) {
     lastError_ = "cannot save " + path + ": the image is empty";
     return false;
   }
-  Magick::Blob blob;
-  std::string png;  // PNG files are encoded by png_codec
+  std::string encoded;
+  std::string error;
   try {
     std::vector<uint8_t> rgb(pixels_.size() * 3);
     for (size_t i = 0; i < pixels_.size(); ++i) {
@@ -143,19 +127,13 @@ bool CxImage::Save(const std::string& path, int32_t typeCode) {
       rgb[3 * i + 1] = pixels_[i].green;
       rgb[3 * i + 2] = pixels_[i].blue;
     }
-    if (typeCode == kImageTypePng) {
-      std::string error;
-      if (!EncodeRgb8Png(rgb.data(), width_, height_, png, error)) throw std::runtime_error(error);
-    } else {
-      Magick::Image image(width_, height_, "RGB", Magick::CharPixel, rgb.data());
-      // Always 24-bit output: without this the encoders pick grey or palette forms for images
-      // that happen to have few colours.
-      image.type(Magick::TrueColorType);
-      image.depth(8);
-      if (typeCode == kImageTypeJpeg) image.quality(95);  // visually lossless for photographs
-      image.magick(typeCode == kImageTypeBmp ? "BMP3" : format);
-      image.write(&blob);
-    }
+    // PNG files are encoded by png_codec, the others always as 24-bit images.
+    const bool ok =
+        typeCode == kImageTypePng
+            ? EncodeRgb8Png(rgb.data(), width_, height_, encoded, error)
+            : Magick().encodeContainer(rgb.data(), width_, height_,
+                                       typeCode == kImageTypeBmp ? "BMP3" : format, encoded, error);
+    if (!ok) throw std::runtime_error(error);
   } catch (const std::exception& e) {
     lastError_ = "cannot encode " + path + ": " + e.what();
     return false;
@@ -163,10 +141,7 @@ bool CxImage::Save(const std::string& path, int32_t typeCode) {
 
   // Write beside the target and rename over it only when complete: a failed or interrupted
   // save never leaves a truncated file where a good one was.
-  const std::string_view bytes =
-      png.empty() ? std::string_view(static_cast<const char*>(blob.data()), blob.length())
-                  : std::string_view(png);
-  return WriteFileAtomically(path, bytes, lastError_);
+  return WriteFileAtomically(path, encoded, lastError_);
 }
 
 void CxImage::Destroy() {

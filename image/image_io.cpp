@@ -1,6 +1,5 @@
 #include "image/image_io.h"
 
-#include <Magick++.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,36 +10,12 @@
 
 #include "image/file_bytes.h"
 #include "image/image_metadata.h"
-#include "image/magick_decoding.h"
+#include "image/magick_module.h"
 #include "image/tiff_file.h"
 #include "marlith/error.hpp"
 
 namespace marlith {
 namespace {
-
-// The readers and writers below move samples as 16-bit quanta.
-static_assert(MaxRGB == 65535, "GraphicsMagick must be built with 16-bit quanta (Q16)");
-
-std::string Profile(const Magick::Image& image, const char* name) {
-  size_t length = 0;
-  const unsigned char* data = MagickLib::GetImageProfile(image.constImage(), name, &length);
-  return data ? std::string(reinterpret_cast<const char*>(data), length) : std::string();
-}
-
-void SetProfile(Magick::Image& image, const char* name, const std::string& data) {
-  if (data.empty()) return;
-  MagickLib::SetImageProfile(image.image(), name,
-                             reinterpret_cast<const unsigned char*>(data.data()), data.size());
-}
-
-bool CanWriteWebp() {
-  InitialiseImageLibrary();
-  MagickLib::ExceptionInfo exception;
-  MagickLib::GetExceptionInfo(&exception);
-  const MagickLib::MagickInfo* info = MagickLib::GetMagickInfo("WEBP", &exception);
-  MagickLib::DestroyExceptionInfo(&exception);
-  return info && info->encoder;
-}
 
 // Refuses, naming path, a type this build does not write.
 void CheckWritableType(ImageFileType type, const std::string& path) {
@@ -49,51 +24,17 @@ void CheckWritableType(ImageFileType type, const std::string& path) {
                 ": unknown image type; name the file .png, .jpg, .jpeg, .tif, .tiff, "
                 ".bmp, .webp, .pgm, .ppm or .pnm");
   }
-  if (type == ImageFileType::kWebp && !CanWriteWebp()) {
+  if (type == ImageFileType::kWebp && !Magick().canWriteWebp()) {
     throw Error(path + ": this build of GraphicsMagick cannot write WebP");
   }
 }
 
 // The pixels of a file GraphicsMagick reads: everything but floating-point TIFF.
 LoadedImage ReadWithMagick(std::string_view bytes, const std::string& path) {
-  const Magick::Blob blob(bytes.data(), bytes.size());
-  Magick::Image image;
+  LoadedImage image;
   std::string error;
-  if (!DecodeImageBlob(blob, nullptr, path, image, error)) {
-    throw Error(error.empty() ? path + ": no image could be decoded" : error);
-  }
-  LoadedImage out;
-  out.iccProfile = Profile(image, "ICC");
-  out.exif = ExifFromApp1(Profile(image, "EXIF"));
-  if (out.exif.empty() && image.magick() == "PNG") out.exif = FindPngChunk(bytes, "eXIf");
-  if (image.colorSpace() == Magick::CMYKColorspace) {
-    image.colorSpace(Magick::RGBColorspace);
-    out.iccProfile.clear();  // it described the CMYK samples, not the RGB ones
-  }
-  // Decoders mark grey files (and palettes of grey colours only) as grey. The PPM decoder marks
-  // a colour file whose pixels happen to be grey too, but a PPM file is declared colour.
-  const bool grey = image.constImage()->is_grayscale && image.magick() != "PPM";
-  out.width = static_cast<int>(image.columns());
-  out.height = static_cast<int>(image.rows());
-  out.colourChannels = grey ? 1 : 3;
-  out.hasAlpha = image.matte();
-  out.depth = image.depth() > 8 ? SampleDepth::k16 : SampleDepth::k8;
-  const size_t planeSize = size_t(out.width) * out.height;
-  out.planes.resize(planeSize * (out.colourChannels + out.hasAlpha));
-  const Magick::PixelPacket* p = image.getConstPixels(0, 0, out.width, out.height);
-  if (!p) throw Error(path + ": cannot get the decoded pixels");
-  constexpr double kScale = 1.0 / MaxRGB;
-  double* colour = out.planes.data();
-  double* alpha = colour + out.colourChannels * planeSize;
-  for (size_t i = 0; i < planeSize; ++i) {
-    colour[i] = p[i].red * kScale;
-    if (!grey) {
-      colour[planeSize + i] = p[i].green * kScale;
-      colour[2 * planeSize + i] = p[i].blue * kScale;
-    }
-    if (out.hasAlpha) alpha[i] = (MaxRGB - p[i].opacity) * kScale;
-  }
-  return out;
+  if (!Magick().read(bytes, path, image, error)) throw Error(error);
+  return image;
 }
 
 // Turns the planes upright for an EXIF/TIFF orientation (1 to 8). Orientations 5 to 8 store
@@ -144,80 +85,6 @@ void CheckConsistent(const LoadedImage& image, const std::string& path) {
 
 const char* DepthName(SampleDepth depth) {
   return depth == SampleDepth::k8 ? "8-bit" : depth == SampleDepth::k16 ? "16-bit" : "float";
-}
-
-// Everything but TIFF is encoded by GraphicsMagick.
-std::string EncodeWithMagick(const LoadedImage& image, ImageFileType type, SampleDepth depth,
-                             int quality) {
-  const bool alpha =
-      image.hasAlpha &&
-      (type == ImageFileType::kPng || type == ImageFileType::kWebp || type == ImageFileType::kBmp);
-  const bool grey = image.colourChannels == 1;
-  const int maxValue = depth == SampleDepth::k16 ? 65535 : 255;
-  const int toQuantum = MaxRGB / maxValue;  // 257 for 8-bit samples, exactly
-  const size_t planeSize = size_t(image.width) * image.height;
-  auto quantum = [&](int plane, size_t i) {
-    return static_cast<Magick::Quantum>(
-        QuantiseSample(image.planes[plane * planeSize + i], maxValue) * toQuantum);
-  };
-
-  InitialiseImageLibrary();
-  Magick::Image out(Magick::Geometry(image.width, image.height), Magick::Color(0, 0, 0, 0));
-  out.modifyImage();
-  out.classType(Magick::DirectClass);
-  out.matte(alpha);  // before the pixels: switching it on later resets them to opaque
-  Magick::PixelPacket* p = out.getPixels(0, 0, image.width, image.height);
-  for (size_t i = 0; i < planeSize; ++i) {
-    p[i].red = quantum(0, i);
-    p[i].green = grey ? p[i].red : quantum(1, i);
-    p[i].blue = grey ? p[i].red : quantum(2, i);
-    p[i].opacity = alpha ? MaxRGB - quantum(image.colourChannels, i) : 0;
-  }
-  out.syncPixels();
-  // Setting the type explicitly keeps the encoders from choosing palette or bilevel forms; a
-  // PPM file is colour by definition.
-  const bool writeGrey = grey && type != ImageFileType::kPpm;
-  out.type(writeGrey ? (alpha ? Magick::GrayscaleMatteType : Magick::GrayscaleType)
-                     : (alpha ? Magick::TrueColorMatteType : Magick::TrueColorType));
-  out.depth(depth == SampleDepth::k16 ? 16 : 8);
-  SetProfile(out, "ICC", image.iccProfile);
-  const char* format = "PNG";
-  switch (type) {
-    case ImageFileType::kJpeg:
-      format = "JPEG";
-      out.quality(quality);
-      SetProfile(out, "EXIF", image.exif.empty() ? "" : ExifToApp1(image.exif));
-      break;
-    case ImageFileType::kWebp:
-      format = "WEBP";
-      out.quality(quality);
-      SetProfile(out, "EXIF", image.exif);
-      break;
-    case ImageFileType::kBmp:
-      format = "BMP";
-      break;
-    case ImageFileType::kPgm:
-    case ImageFileType::kPpm:
-    case ImageFileType::kPnm:
-      format = writeGrey ? "PGM" : "PPM";
-      break;
-    default:
-      // PNG: zlib level 4 with adaptive row filters, as the frozen command's saver chose for
-      // speed at a 2.6 % larger file.
-      out.quality(45);
-      break;
-  }
-  out.magick(format);
-  // Encoder warnings (a profile libpng finds odd, say) do not fail a write that produced a file.
-  out.quiet(true);
-  Magick::Blob blob;
-  out.write(&blob);
-  std::string bytes(static_cast<const char*>(blob.data()), blob.length());
-  // GraphicsMagick writes no EXIF to PNG: the eXIf chunk is added here.
-  if (type == ImageFileType::kPng && !image.exif.empty()) {
-    bytes = InsertPngChunk(bytes, "eXIf", image.exif);
-  }
-  return bytes;
 }
 
 }  // namespace
@@ -289,7 +156,6 @@ bool ImageFileTypeHolds(ImageFileType type, SampleDepth depth) {
 }
 
 LoadedImage ReadImageFile(const std::string& path) {
-  InitialiseImageLibrary();
   std::error_code ignored;
   if (std::filesystem::is_directory(path, ignored)) {
     throw Error(path + " is a directory, not an image file");
@@ -355,11 +221,9 @@ void WriteImageFile(const std::string& path, const LoadedImage& image, SampleDep
   if (type == ImageFileType::kTiff) {
     bytes = EncodeTiff(image, depth, path);
   } else {
-    try {
-      bytes = EncodeWithMagick(image, type, depth, jpegQuality);
-    } catch (const std::exception& e) {
-      throw Error("cannot encode " + path + ": " + e.what());
-    }
+    std::string error;
+    if (!Magick().encode(image, type, depth, jpegQuality, bytes, error))
+      throw Error("cannot encode " + path + ": " + error);
   }
   std::string error;
   if (!WriteFileAtomically(path, bytes, error)) throw Error(error);

@@ -3,10 +3,15 @@
 // line; the frozen six-argument command keeps its own loader (image/image_container.h).
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
 namespace marlith {
+
+// Largest image (width x height) the readers accept, checked from the file header before the
+// pixels are decoded.
+inline constexpr int64_t kMaxImagePixels = 256LL * 1024 * 1024;
 
 // How a file stores its samples.
 enum class SampleDepth { k8, k16, kFloat };

@@ -12,7 +12,6 @@
 
 #include "image/file_bytes.h"
 #include "image/image_io.h"
-#include "image/magick_decoding.h"
 #include "marlith/error.hpp"
 
 namespace marlith {

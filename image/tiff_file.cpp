@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "image/image_metadata.h"
-#include "image/magick_decoding.h"
 #include "marlith/error.hpp"
 
 namespace marlith {

@@ -27,7 +27,7 @@ int Level(int i, int channel, bool grey) {
 // The pattern written through GraphicsMagick in the given form (with alpha for a matte type).
 void WritePattern(const std::string& path, const std::string& format, Magick::ImageType type,
                   int depth) {
-  CxImage init;  // initialises the image library
+  Magick::InitializeMagick(nullptr);
   const bool alpha = type == Magick::TrueColorMatteType;
   std::vector<unsigned char> levels;
   for (int i = 0; i < 12; ++i)
@@ -144,6 +144,7 @@ TEST(PlaneSaving, WritesPngsInPartsThatBothDecodersRead) {
   ASSERT_TRUE(SaveColourPlanes(planes, width, height, 3, dir / "parts.png").ok);
   CxImage image;
   ASSERT_TRUE(image.Load(dir / "parts.png", 0)) << image.GetLastError();
+  Magick::InitializeMagick(nullptr);
   Magick::Image other(dir / "parts.png");
   for (int i = 0; i < n; ++i) {
     const PixelColor p = image.GetPixelColor(i % width, i / width, false);

@@ -137,6 +137,7 @@ TEST(ImageIo, TurnsImagesUprightByTheirOrientation) {
     if (!tiff) withExif.exif = test::ExifBlock(c.orientation);
     WriteImageFile(dir / c.name, withExif, SampleDepth::k8, 100);
     if (tiff) {  // TIFF says it in its own tag
+      Magick::InitializeMagick(nullptr);
       Magick::Image image(dir / c.name);
       image.orientation(Magick::RightTopOrientation);
       image.write(dir / c.name);

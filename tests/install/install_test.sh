@@ -15,6 +15,15 @@ cmake --install "$build" --prefix "$prefix" > "$tmp/install.log"
 if [ "$deblur" = 1 ]; then
   [ -x "$prefix/bin/marlith-deblur" ] || fail "bin/marlith-deblur not installed"
 fi
+# GraphicsMagick's module is opened from the installed tree (not the build tree) by an installed
+# command that reads a grey PNG kernel, which only GraphicsMagick decodes.
+module=$(find "$prefix" -name libmarlith-magick.so -path '*/marlith/*')
+[ -n "$module" ] || fail "libmarlith-magick.so not installed"
+example=$here/../../examples
+LD_DEBUG=files "$prefix/bin/marlith" "$example/earth_blurred.png" "$example/motion_kernel.png" \
+  "$tmp/deblurred.png" 0 1 1 > /dev/null 2> "$tmp/loads.log" || fail "the installed marlith"
+grep -q "file=$module " "$tmp/loads.log" ||
+  fail "the installed marlith opened $(grep -o 'file=[^ ]*libmarlith-magick[^ ]*' "$tmp/loads.log")"
 for h in marlith.h deconvolve.hpp error.hpp export.h; do
   [ -f "$prefix/include/marlith/$h" ] || fail "include/marlith/$h not installed"
 done
@@ -55,6 +64,7 @@ for p in libc6 libstdc++6 libfftw3-double3 libopenblas0 libumfpack5 \
 done
 contents=$(dpkg-deb -c "$deb")
 for f in ./usr/bin/marlith ./usr/include/marlith/marlith.h \
-  ./usr/lib/cmake/marlith/marlithConfig.cmake ./usr/lib/pkgconfig/marlith.pc "./usr/lib/$soname"; do
+  ./usr/lib/cmake/marlith/marlithConfig.cmake ./usr/lib/pkgconfig/marlith.pc "./usr/lib/$soname" \
+  ./usr/lib/marlith/libmarlith-magick.so; do
   grep -qF "$f" <<< "$contents" || fail "the package lacks $f"
 done
