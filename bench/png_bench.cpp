@@ -86,8 +86,10 @@ int main(int argc, char** argv) {
   std::vector<uint8_t> decoded;
   int32_t sw = 0, sh = 0;
   bool ok = false;
-  const double spngDecode =
-      BestOf(5, [&] { ok = marlith::DecodeRgb8Png(bytes, 1LL << 28, sw, sh, decoded); });
+  const double spngDecode = BestOf(5, [&] {
+    bool grey = false;
+    ok = marlith::DecodePng8(bytes, 1LL << 28, sw, sh, grey, decoded);
+  });
   std::printf("| decode, libspng | %.3f | | %s |\n", spngDecode,
               ok && decoded == pixels ? "yes" : "NO");
 

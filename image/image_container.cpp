@@ -35,11 +35,13 @@ bool CxImage::Load(const std::string& path, int32_t typeCode) {
   Destroy();
   std::string bytes;
   if (!ReadWholeFile(path, bytes, lastError_)) return false;
-  // 8-bit RGB PNGs (photographs) go through libspng, everything else through GraphicsMagick.
+  // 8-bit RGB and grey PNGs (photographs, kernels) go through libspng, everything else through
+  // GraphicsMagick, which decodes a grey PNG as PseudoClass too.
   std::vector<uint8_t> rgb;
-  if (DecodeRgb8Png(bytes, kMaxPixels, width_, height_, rgb)) {
+  bool grey = false;
+  if (DecodePng8(bytes, kMaxPixels, width_, height_, grey, rgb)) {
     hasAlpha_ = false;
-    bitsPerPixel_ = 24;
+    bitsPerPixel_ = grey ? 8 : 24;
     pixels_.resize(static_cast<size_t>(width_) * height_);
     for (size_t i = 0; i < pixels_.size(); ++i) {
       pixels_[i] = PixelColor{rgb[3 * i + 2], rgb[3 * i + 1], rgb[3 * i], 255};

@@ -32,8 +32,8 @@ constexpr int kRowsPerPart = 128;
 
 }  // namespace
 
-bool DecodeRgb8Png(const std::string& bytes, int64_t maxPixels, int32_t& width, int32_t& height,
-                   std::vector<uint8_t>& rgb) {
+bool DecodePng8(const std::string& bytes, int64_t maxPixels, int32_t& width, int32_t& height,
+                bool& grey, std::vector<uint8_t>& rgb) {
   static const char kSignature[8] = {'\x89', 'P', 'N', 'G', '\r', '\n', '\x1a', '\n'};
   if (bytes.size() < 8 || bytes.compare(0, 8, kSignature, 8) != 0) return false;
   Context context(spng_ctx_new(0));
@@ -42,7 +42,9 @@ bool DecodeRgb8Png(const std::string& bytes, int64_t maxPixels, int32_t& width, 
   }
   spng_ihdr header{};
   if (spng_get_ihdr(context.get(), &header) != 0) return false;
-  if (header.color_type != SPNG_COLOR_TYPE_TRUECOLOR || header.bit_depth != 8) return false;
+  grey = header.color_type == SPNG_COLOR_TYPE_GRAYSCALE;
+  if ((!grey && header.color_type != SPNG_COLOR_TYPE_TRUECOLOR) || header.bit_depth != 8)
+    return false;
   if (static_cast<int64_t>(header.width) * header.height > maxPixels) return false;
   spng_trns transparency{};
   if (spng_get_trns(context.get(), &transparency) != SPNG_ECHUNKAVAIL) return false;

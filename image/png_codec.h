@@ -1,4 +1,4 @@
-// PNG decoding and encoding of 8-bit RGB images, faster than GraphicsMagick's PNG coder
+// PNG decoding of 8-bit RGB and grey images and encoding of 8-bit RGB ones, faster than GraphicsMagick's PNG coder
 // (measured in bench/png_bench.cpp): decoding with libspng, encoding with zlib on every core.
 // The image layer uses them for the common case and keeps GraphicsMagick for every other PNG.
 #pragma once
@@ -9,13 +9,14 @@
 
 namespace marlith {
 
-// Decodes bytes when they are a complete PNG of 8-bit RGB samples without a transparency chunk
-// (colour type 2, bit depth 8, no tRNS) of at most maxPixels pixels: width, height and
-// width x height x 3 bytes (red, green, blue; rows top down) as stored. Returns false, leaving
-// the outputs unspecified, for anything else (other colour types and depths, damaged or cut
-// short data), which the caller then hands to its general decoder.
-bool DecodeRgb8Png(const std::string& bytes, int64_t maxPixels, int32_t& width, int32_t& height,
-                   std::vector<uint8_t>& rgb);
+// Decodes bytes when they are a complete PNG of 8-bit RGB or grey samples without a transparency
+// chunk (colour type 2 or 0, bit depth 8, no tRNS) of at most maxPixels pixels: width, height,
+// whether the file is grey, and width x height x 3 bytes (red, green, blue, equal for grey; rows
+// top down) as stored. Returns false, leaving the outputs unspecified, for anything else (other
+// colour types and depths, damaged or cut short data), which the caller then hands to its
+// general decoder.
+bool DecodePng8(const std::string& bytes, int64_t maxPixels, int32_t& width, int32_t& height,
+                bool& grey, std::vector<uint8_t>& rgb);
 
 // Encodes width x height x 3 bytes (red, green, blue) as an 8-bit RGB PNG into out (rows
 // Paeth-filtered, zlib level 1, deflated in parts side by side). Returns false with a reason in

@@ -54,6 +54,7 @@ TEST(CxImage, ReportsColourTypesAndPixelBytesOfEachKindOfFileWhateverTypeIsAsked
   };
   const Case cases[] = {
       {"grey16.png", "PNG", Magick::GrayscaleType, 16, kImageTypeJpeg, 1},
+      {"grey.png", "PNG", Magick::GrayscaleType, 8, kImageTypePng, 1},
       {"palette.png", "PNG8", Magick::PaletteType, 8, 7, 1},
       {"rgb.png", "PNG24", Magick::TrueColorType, 8, kImageTypePng, 2},
       {"rgba.png", "PNG32", Magick::TrueColorMatteType, 8, kImageTypeUnknown, 4},

@@ -16,12 +16,12 @@ if [ "$deblur" = 1 ]; then
   [ -x "$prefix/bin/marlith-deblur" ] || fail "bin/marlith-deblur not installed"
 fi
 # GraphicsMagick's module is opened from the installed tree (not the build tree) by an installed
-# command that reads a grey PNG kernel, which only GraphicsMagick decodes.
+# command that writes a JPEG, which only GraphicsMagick encodes.
 module=$(find "$prefix" -name libmarlith-magick.so -path '*/marlith/*')
 [ -n "$module" ] || fail "libmarlith-magick.so not installed"
 example=$here/../../examples
 LD_DEBUG=files "$prefix/bin/marlith" "$example/earth_blurred.png" "$example/motion_kernel.png" \
-  "$tmp/deblurred.png" 0 1 1 > /dev/null 2> "$tmp/loads.log" || fail "the installed marlith"
+  "$tmp/deblurred.jpg" 0 1 1 > /dev/null 2> "$tmp/loads.log" || fail "the installed marlith"
 grep -q "file=$module " "$tmp/loads.log" ||
   fail "the installed marlith opened $(grep -o 'file=[^ ]*libmarlith-magick[^ ]*' "$tmp/loads.log")"
 for h in marlith.h deconvolve.hpp error.hpp export.h; do
