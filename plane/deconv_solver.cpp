@@ -273,9 +273,13 @@ int SpectralDeconvSolver::Setup(const double* imagePlane, int width, int height,
       std::make_unique<SpectralTransform>(width, height, SpectralTransform::kForward, threads);
   inverseTransform_ =
       std::make_unique<SpectralTransform>(width, height, SpectralTransform::kInverse, threads);
-  // Working planes of an earlier size are dropped; the first solve obtains new ones.
-  for (auto* plane : {&latentA_, &latentB_, &adjoint_}) plane->reset();
-  spectrum_.reset();
+  // Working planes of an earlier size are dropped; the first solve obtains the estimates'. The
+  // adjoint plane and the spectrum serve the set-up first: the kernel's plane, the image's
+  // spectrum.
+  latentA_.reset();
+  latentB_.reset();
+  adjoint_ = AllocateFftwBuffer<double>(planeSize_);
+  spectrum_ = AllocateFftwBuffer<Complex>(spectrumSize_);
   result_ = nullptr;
   ResetDefaults();
   PrecomputeGradientSpectra();
@@ -314,9 +318,6 @@ void SpectralDeconvSolver::PrecomputeGradientSpectra() {
     for (size_t v = 0; v < f->byRow.size(); ++v) f->powerByRow[v] = std::norm(f->byRow[v]);
   }
 
-  imageSpectrum_ = AllocateFftwBuffer<Complex>(spectrumSize_);
-  std::fill_n(imageSpectrum_.get(), spectrumSize_, Complex(0.0, 0.0));
-  if (imagePlane_) forwardTransform_->Forward(imagePlane_, imageSpectrum_.get());
   numerator_ = AllocateFftwBuffer<Complex>(spectrumSize_);
   conjKernel_ = AllocateFftwBuffer<Complex>(spectrumSize_);
   std::fill_n(numerator_.get(), spectrumSize_, Complex(0.0, 0.0));
@@ -336,18 +337,22 @@ int SpectralDeconvSolver::SetKernel(std::span<const double> kernel, int kernelWi
                      kernel.begin() + static_cast<size_t>(kernelWidth) * kernelHeight);
   kernelWidth_ = kernelWidth;
   kernelHeight_ = kernelHeight;
-  // The kernel centred in the plane and shifted so that its centre is at the origin.
-  auto plane = AllocateFftwBuffer<double>(planeSize_);
-  std::fill_n(plane.get(), planeSize_, 0.0);
+  // The kernel centred in the plane and shifted so that its centre is at the origin, in the
+  // adjoint plane, which the solve overwrites before it reads it.
+  double* plane = adjoint_.get();
+  std::fill_n(plane, planeSize_, 0.0);
   for (const Tap& tap : CentredShiftedTaps(kernelCopy_, kernelWidth, kernelHeight, width_, height_))
     plane[static_cast<size_t>(tap.y) * width_ + tap.x] = tap.value;
-  // K is kept in the numerator's storage until the products below are formed.
+  // K is kept in the numerator's storage until the numerator is formed.
   Complex* k = numerator_.get();
-  forwardTransform_->Forward(plane.get(), k);
+  forwardTransform_->Forward(plane, k);
   SquaredMagnitudes({k, spectrumSize_}, {kernelPower_.get(), spectrumSize_});
   ConjugateSpectrum({k, spectrumSize_}, {conjKernel_.get(), spectrumSize_});
-  MultiplySpectra({conjKernel_.get(), spectrumSize_}, {imageSpectrum_.get(), spectrumSize_},
-                  {numerator_.get(), spectrumSize_});
+  if (imagePlane_) {
+    SetImage(imagePlane_);
+  } else {
+    std::fill_n(numerator_.get(), spectrumSize_, Complex(0.0, 0.0));
+  }
   return 0;
 }
 
@@ -357,8 +362,9 @@ void SpectralDeconvSolver::SetImage(const double* plane) {
   // computes them.
   refGradX_.clear();
   refGradY_.clear();
-  forwardTransform_->Forward(plane, imageSpectrum_.get());
-  MultiplySpectra({conjKernel_.get(), spectrumSize_}, {imageSpectrum_.get(), spectrumSize_},
+  // The image's spectrum goes through the solve's spectrum plane, free until the solve.
+  forwardTransform_->Forward(plane, spectrum_.get());
+  MultiplySpectra({conjKernel_.get(), spectrumSize_}, {spectrum_.get(), spectrumSize_},
                   {numerator_.get(), spectrumSize_});
 }
 
@@ -411,7 +417,7 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
   double beta = betaStart;
 
   const int W = width_, H = height_;
-  const size_t n = planeSize_, nc = spectrumSize_;
+  const size_t n = planeSize_;
   // The first round reads the image itself as L; after it L and the previous L alternate
   // between two buffers, so keeping the previous estimate costs no copy. A round transforms one
   // real plane, the adjoint differences of the auxiliary gradients, and the division turns its
@@ -419,8 +425,6 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
   if (!latentA_) {
     latentA_ = AllocateFftwBuffer<double>(n);
     latentB_ = AllocateFftwBuffer<double>(n);
-    adjoint_ = AllocateFftwBuffer<double>(n);
-    spectrum_ = AllocateFftwBuffer<Complex>(nc);
   }
   double* const adjoint = adjoint_.get();
   Complex* const spectrum = spectrum_.get();

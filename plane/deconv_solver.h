@@ -82,13 +82,16 @@ class SpectralDeconvSolver : public DeconvSolver {
   SpectralDeconvSolver() = default;
   ~SpectralDeconvSolver() override;
 
-  // Stores the working size (even W and H), makes the transform objects, resets the defaults
-  // and precomputes the gradient spectra (and the image spectrum when imagePlane is given).
+  // Stores the working size (even W and H) and the image plane (if any: SetKernel then forms the
+  // numerator from it), makes the transform objects, resets the defaults and precomputes the
+  // gradient spectra.
   // threads: threads for each transform and each pass over the planes; any count gives the
   // same element-wise passes, only the transforms' rounding may differ. Returns 0.
   int Setup(const double* imagePlane, int width, int height, uint32_t options, int threads = 1);
   // Kernel spectra from a kernelWidth x kernelHeight kernel no larger than the working size
-  // (throws marlith::Error otherwise): centred, shifted to the origin, transformed. Returns 0.
+  // (throws marlith::Error otherwise): centred, shifted to the origin, transformed. With an image
+  // set (by Setup or SetImage; its plane must still hold it), the numerator is formed from it
+  // again. Returns 0.
   int SetKernel(std::span<const double> kernel, int kernelWidth, int kernelHeight);
 
   int SolveWithNoise(double noise) override;
@@ -115,7 +118,6 @@ class SpectralDeconvSolver : public DeconvSolver {
   std::vector<double> gradientPower() const;  // |Dx|^2 + |Dy|^2, formed from its factors
   std::span<const Complex> conjKernel() const { return {conjKernel_.get(), spectrumSize_}; }
   std::span<const Complex> numerator() const { return {numerator_.get(), spectrumSize_}; }
-  std::span<const Complex> imageSpectrum() const { return {imageSpectrum_.get(), spectrumSize_}; }
   std::span<const double> smoothMask() const { return smoothMask_; }  // empty: all zero
 
  private:
@@ -141,10 +143,11 @@ class SpectralDeconvSolver : public DeconvSolver {
     std::vector<double> powerByColumn, powerByRow;  // the squared magnitudes of the factors
   };
   FactoredSpectrum conjDx_, conjDy_;
-  FftwBuffer<Complex> numerator_, conjKernel_, imageSpectrum_;
+  FftwBuffer<Complex> numerator_, conjKernel_;
   bool weightsPrepared_ = false;
-  // Working planes of the solve, obtained on the first solve and reused by every later one
-  // (each channel, each noise level), so their pages are touched once.
+  // Working planes of the solve, reused by every solve (each channel, each noise level), so their
+  // pages are touched once: the estimates obtained on the first solve, the adjoint plane and the
+  // spectrum at Setup (SetKernel and SetImage use them first).
   FftwBuffer<double> latentA_, latentB_, adjoint_;
   FftwBuffer<Complex> spectrum_;
   FftwBuffer<double> kernelPower_;
