@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <memory>
+#include <string_view>
 #include <system_error>
 #include <thread>
 #include <vector>
@@ -64,7 +65,8 @@ namespace {
 // One part of the rows, Paeth-filtered and deflated on its own: raw deflate data that ends on
 // a byte boundary (a sync flush), or finishes the stream for the last part.
 struct DeflatedPart {
-  std::string data;
+  std::unique_ptr<char[]> data;
+  size_t size = 0;    // bytes of deflate data
   uLong adler = 0;    // Adler-32 of the part's filtered rows
   size_t length = 0;  // bytes of filtered rows
   bool ok = false;
@@ -83,26 +85,41 @@ void PaethFilterRow(const uint8_t* row, const uint8_t* above, size_t stride, uin
   }
 }
 
+// The rows are filtered a few at a time into a buffer that stays in cache, and the output
+// buffer is left uninitialised, so that only the pages the compressed data reaches are touched
+// (a fresh page costs more than filtering it).
 void DeflateRows(const uint8_t* rgb, size_t stride, int32_t first, int32_t last, bool final,
                  DeflatedPart& part) {
-  std::vector<uint8_t> filtered((stride + 1) * static_cast<size_t>(last - first));
-  for (int32_t y = first; y < last; ++y) {
-    PaethFilterRow(rgb + y * stride, y > 0 ? rgb + (y - 1) * stride : nullptr, stride,
-                   filtered.data() + (y - first) * (stride + 1));
-  }
-  part.length = filtered.size();
-  part.adler = adler32_z(adler32(0, nullptr, 0), filtered.data(), filtered.size());
+  constexpr int32_t kRowsAtOnce = 16;
   z_stream z{};
   if (deflateInit2(&z, kCompressionLevel, Z_DEFLATED, -15, 8, Z_RLE) != Z_OK) return;
-  // Room for the data however badly it compresses, and the flush's marker.
-  part.data.resize(deflateBound(&z, filtered.size()) + 16);
-  z.next_in = filtered.data();
-  z.avail_in = static_cast<uInt>(filtered.size());
-  z.next_out = reinterpret_cast<Bytef*>(part.data.data());
-  z.avail_out = static_cast<uInt>(part.data.size());
-  const int status = deflate(&z, final ? Z_FINISH : Z_SYNC_FLUSH);
-  part.ok = (final ? status == Z_STREAM_END : status == Z_OK) && z.avail_in == 0;
-  part.data.resize(part.data.size() - z.avail_out);
+  part.length = (stride + 1) * static_cast<size_t>(last - first);
+  // Room for the rows however badly they compress, and the flush's marker.
+  const size_t room = deflateBound(&z, part.length) + 16;
+  part.data = std::make_unique_for_overwrite<char[]>(room);
+  z.next_out = reinterpret_cast<Bytef*>(part.data.get());
+  z.avail_out = static_cast<uInt>(room);
+  std::vector<uint8_t> filtered((stride + 1) * kRowsAtOnce);
+  uLong adler = adler32(0, nullptr, 0);
+  bool ok = true;
+  for (int32_t y = first; y < last && ok; y += kRowsAtOnce) {
+    const int32_t rows = std::min(kRowsAtOnce, last - y);
+    for (int32_t r = 0; r < rows; ++r) {
+      const uint8_t* row = rgb + (y + r) * stride;
+      PaethFilterRow(row, y + r > 0 ? row - stride : nullptr, stride,
+                     filtered.data() + r * (stride + 1));
+    }
+    const size_t bytes = (stride + 1) * rows;
+    adler = adler32_z(adler, filtered.data(), bytes);
+    z.next_in = filtered.data();
+    z.avail_in = static_cast<uInt>(bytes);
+    const bool end = y + rows == last;
+    const int status = deflate(&z, !end ? Z_NO_FLUSH : final ? Z_FINISH : Z_SYNC_FLUSH);
+    ok = (end && final ? status == Z_STREAM_END : status == Z_OK) && z.avail_in == 0;
+  }
+  part.size = room - z.avail_out;
+  part.adler = adler;
+  part.ok = ok;
   deflateEnd(&z);
 }
 
@@ -110,11 +127,13 @@ void AppendBigEndian(std::string& out, uint32_t v) {
   for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<char>(v >> shift));
 }
 
-void AppendChunk(std::string& out, const char* type, const char* data, size_t length) {
+// Appends a chunk of length bytes of the given type; appendData appends its data to out.
+template <typename AppendData>
+void AppendChunk(std::string& out, const char* type, size_t length, const AppendData& appendData) {
   AppendBigEndian(out, static_cast<uint32_t>(length));
   const size_t start = out.size();
   out.append(type, 4);
-  out.append(data, length);
+  appendData();
   AppendBigEndian(out, static_cast<uint32_t>(crc32_z(
                            0, reinterpret_cast<const Bytef*>(out.data() + start), length + 4)));
 }
@@ -146,8 +165,8 @@ bool EncodeRgb8Png(const uint8_t* rgb, int32_t width, int32_t height, std::strin
     DeflateRows(rgb, stride, 0, rowOf(1), parts == 1, deflated[0]);
   }
   // The zlib stream: header (deflate, 32 KiB window, fastest), the parts, and the Adler-32 of
-  // all the rows.
-  std::string stream = {'\x78', '\x01'};
+  // all the rows; copied from its pieces straight into the IDAT chunks.
+  std::vector<std::string_view> pieces{std::string_view("\x78\x01", 2)};
   uLong adler = deflated[0].adler;
   for (const DeflatedPart& part : deflated) {
     if (!part.ok) {
@@ -155,9 +174,13 @@ bool EncodeRgb8Png(const uint8_t* rgb, int32_t width, int32_t height, std::strin
       return false;
     }
     if (&part != &deflated[0]) adler = adler32_combine(adler, part.adler, part.length);
-    stream += part.data;
+    pieces.emplace_back(part.data.get(), part.size);
   }
-  AppendBigEndian(stream, static_cast<uint32_t>(adler));
+  char adlerBytes[4];
+  for (int i = 0; i < 4; ++i) adlerBytes[i] = static_cast<char>(adler >> (24 - 8 * i));
+  pieces.emplace_back(adlerBytes, 4);
+  size_t streamSize = 0;
+  for (const std::string_view piece : pieces) streamSize += piece.size();
 
   char header[13];
   for (int i = 0; i < 4; ++i) {
@@ -169,16 +192,26 @@ bool EncodeRgb8Png(const uint8_t* rgb, int32_t width, int32_t height, std::strin
   header[10] = 0;  // deflate
   header[11] = 0;  // adaptive filtering (the Paeth filter on every row)
   header[12] = 0;  // not interlaced
-  out.clear();
-  out.reserve(stream.size() + 64);
-  out.append("\x89PNG\r\n\x1a\n", 8);
-  AppendChunk(out, "IHDR", header, sizeof header);
   // IDAT chunks of at most 1 GiB, well within the format's 2^31 - 1.
   constexpr size_t kChunk = size_t{1} << 30;
-  for (size_t at = 0; at < stream.size(); at += kChunk) {
-    AppendChunk(out, "IDAT", stream.data() + at, std::min(kChunk, stream.size() - at));
+  out.clear();
+  out.reserve(streamSize + 12 * (streamSize / kChunk + 1) + 64);
+  out.append("\x89PNG\r\n\x1a\n", 8);
+  AppendChunk(out, "IHDR", sizeof header, [&] { out.append(header, sizeof header); });
+  size_t piece = 0, offset = 0;  // where the stream's next byte lies
+  for (size_t at = 0; at < streamSize; at += kChunk) {
+    const size_t length = std::min(kChunk, streamSize - at);
+    AppendChunk(out, "IDAT", length, [&] {
+      for (size_t left = length; left > 0;) {
+        const size_t n = std::min(left, pieces[piece].size() - offset);
+        out.append(pieces[piece].data() + offset, n);
+        left -= n;
+        offset += n;
+        if (offset == pieces[piece].size()) ++piece, offset = 0;
+      }
+    });
   }
-  AppendChunk(out, "IEND", nullptr, 0);
+  AppendChunk(out, "IEND", 0, [] {});
   return true;
 }
 
