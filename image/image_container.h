@@ -1,6 +1,7 @@
 // The in-memory image the program loads its input and kernel into and saves its result through,
-// backed by GraphicsMagick. Only what the program needs: load and save by type code, size,
-// colour type, and pixel access as blue, green, red and alpha bytes.
+// backed by libspng for 8-bit RGB and grey PNGs and by GraphicsMagick (its module) for the rest.
+// Only what the program needs: load and save by type code, size, colour type, and pixel access
+// as blue, green, red and alpha bytes.
 #pragma once
 
 #include <cstdint>

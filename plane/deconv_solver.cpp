@@ -273,9 +273,9 @@ int SpectralDeconvSolver::Setup(const double* imagePlane, int width, int height,
       std::make_unique<SpectralTransform>(width, height, SpectralTransform::kForward, threads);
   inverseTransform_ =
       std::make_unique<SpectralTransform>(width, height, SpectralTransform::kInverse, threads);
-  // Working planes of an earlier size are dropped; the first solve obtains the estimates'. The
-  // adjoint plane and the spectrum serve the set-up first: the kernel's plane, the image's
-  // spectrum.
+  // The estimates' planes of an earlier size are dropped (the first solve obtains new ones). The
+  // adjoint plane and the spectrum are obtained here: the kernel's plane and the image's spectrum
+  // pass through them before the solve.
   latentA_.reset();
   latentB_.reset();
   adjoint_ = AllocateFftwBuffer<double>(planeSize_);

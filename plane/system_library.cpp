@@ -33,6 +33,7 @@ void StopIdleBlasThreads(void* handle) {
 }  // namespace
 
 SystemLibrary::SystemLibrary(const char* soname) : soname_(soname) {
+  // The names OpenBLAS goes by: its own, and the BLAS interface's (Debian's alternatives).
   const bool blasWasLoaded = Loaded("libopenblas.so.0") || Loaded("libblas.so.3");
   handle_ = ::dlopen(soname, RTLD_NOW | RTLD_LOCAL);
   if (!handle_) {
