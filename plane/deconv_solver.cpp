@@ -273,12 +273,10 @@ int SpectralDeconvSolver::Setup(const double* imagePlane, int width, int height,
       std::make_unique<SpectralTransform>(width, height, SpectralTransform::kForward, threads);
   inverseTransform_ =
       std::make_unique<SpectralTransform>(width, height, SpectralTransform::kInverse, threads);
-  // The estimates' planes of an earlier size are dropped (the first solve obtains new ones). The
-  // adjoint plane and the spectrum are obtained here: the kernel's plane and the image's spectrum
-  // pass through them before the solve.
-  latentA_.reset();
-  latentB_.reset();
-  adjoint_ = AllocateFftwBuffer<double>(planeSize_);
+  // The solve's planes, for this size. The kernel's plane and the image's spectrum pass through
+  // the first plane and the spectrum before the solve.
+  planeA_ = AllocateFftwBuffer<double>(planeSize_);
+  planeB_.reset();  // obtained by the first solve
   spectrum_ = AllocateFftwBuffer<Complex>(spectrumSize_);
   result_ = nullptr;
   ResetDefaults();
@@ -338,8 +336,8 @@ int SpectralDeconvSolver::SetKernel(std::span<const double> kernel, int kernelWi
   kernelWidth_ = kernelWidth;
   kernelHeight_ = kernelHeight;
   // The kernel centred in the plane and shifted so that its centre is at the origin, in the
-  // adjoint plane, which the solve overwrites before it reads it.
-  double* plane = adjoint_.get();
+  // solve's first plane, which a solve writes before it reads it.
+  double* plane = planeA_.get();
   std::fill_n(plane, planeSize_, 0.0);
   for (const Tap& tap : CentredShiftedTaps(kernelCopy_, kernelWidth, kernelHeight, width_, height_))
     plane[static_cast<size_t>(tap.y) * width_ + tap.x] = tap.value;
@@ -418,15 +416,12 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
 
   const int W = width_, H = height_;
   const size_t n = planeSize_;
-  // The first round reads the image itself as L; after it L and the previous L alternate
-  // between two buffers, so keeping the previous estimate costs no copy. A round transforms one
-  // real plane, the adjoint differences of the auxiliary gradients, and the division turns its
-  // spectrum into L's in place.
-  if (!latentA_) {
-    latentA_ = AllocateFftwBuffer<double>(n);
-    latentB_ = AllocateFftwBuffer<double>(n);
-  }
-  double* const adjoint = adjoint_.get();
+  // A round transforms one real plane, the adjoint differences of the auxiliary gradients, and
+  // the division turns its spectrum into L's in place. The first round reads the image itself as
+  // L. Each round writes the adjoint differences into the plane that does not hold L, and, once
+  // they are transformed, the new L over them; the two planes then change roles, so the previous
+  // L is kept for the convergence sums without a copy or a third plane.
+  if (!planeB_) planeB_ = AllocateFftwBuffer<double>(n);
   Complex* const spectrum = spectrum_.get();
   // Each pass is split into one block of rows per thread; the shrink's jobs keep three rows
   // each: Psix and Psiy of the row, and Psiy of the row above.
@@ -434,8 +429,8 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
   std::vector<double> rows(static_cast<size_t>(jobs) * 3 * W);
   std::vector<double> rowChange(H), rowNorm(H);
   const double* latent = imagePlane_;  // the estimate a round reads
-  double* next = latentA_.get();       // the buffer it writes its new estimate into
-  double* spare = latentB_.get();
+  double* next = planeA_.get();        // the plane it writes into
+  double* spare = planeB_.get();
 
   const double q = localPriorWeight;
   const PriorShape shape{priorSlope, priorCurvature, priorOffset, priorThreshold};
@@ -489,11 +484,11 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
         if (first < last) shrinkRow(first == 0 ? H - 1 : first - 1, psiX, psiYAbove);
         for (int y = first; y < last; ++y) {
           shrinkRow(y, psiX, psiY);
-          AdjointDifferencesRow(psiX, psiY, psiYAbove, W, adjoint + static_cast<size_t>(y) * W);
+          AdjointDifferencesRow(psiX, psiY, psiYAbove, W, next + static_cast<size_t>(y) * W);
           std::swap(psiY, psiYAbove);
         }
       });
-      forwardTransform_->Forward(adjoint, spectrum);
+      forwardTransform_->Forward(next, spectrum);
       // L^ = (gamma R^ + N) / (gamma |D|^2 + |K|^2), row by row.
       RunParallelJobs(jobs, threads_, [&](int job) {
         for (int v = JobBegin(H, job, jobs); v < JobBegin(H, job + 1, jobs); ++v) {
