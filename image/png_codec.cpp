@@ -24,7 +24,7 @@ using Context = std::unique_ptr<spng_ctx, ContextDeleter>;
 // megapixel-pair what GraphicsMagick's level 4 with adaptive filters writes in 0.24 s, about a
 // fifth larger; adaptive filters cost twice the time for 1 % less. Paeth residuals of a photograph
 // hold few long repeats, so run-length matches only (Z_RLE) leave the Huffman coding nearly all
-// the work: 20 to 35 % faster than level 1's hashed matches and files 18 to 24 % smaller, on
+// the work: 12 to 34 % faster than level 1's hashed matches and files 18 to 24 % smaller, on
 // blurred and on deblurred photographs alike. The rows are deflated in parts side by
 // side (libspng deflates in one thread), each part of at least kRowsPerPart rows, so that a
 // part's fresh window costs little.
