@@ -1,7 +1,8 @@
 // GraphicsMagick's part of the image layer, built as a module of its own (libmarlith-magick.so)
 // and opened the first time a file needs it. Linking GraphicsMagick loads its delegate libraries
 // (HEIF, JPEG XL, AV1, X11, ...) and runs their start-up code in every program, about 20 ms,
-// while the common files (8-bit PNG, TIFF) are read and written without it. Private to image/.
+// while the six-argument command's 8-bit PNGs and marlith-deblur's TIFFs are read and written
+// without it. Private to image/.
 // The functions report failure by their result and error, never by an exception, so that
 // nothing is thrown across the module's edge.
 #pragma once
