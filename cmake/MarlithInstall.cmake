@@ -5,7 +5,7 @@ include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
 install(TARGETS marlith RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-# GraphicsMagick's module, where the programs and libmarlith.so look for it (image/magick_loader.cpp).
+# GraphicsMagick's module, where the two commands look for it (image/magick_loader.cpp).
 install(TARGETS marlith_magick LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/marlith)
 if(TARGET marlith-deblur)
   install(TARGETS marlith-deblur RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})

@@ -16,9 +16,8 @@ namespace {
 // page are rounded up to one: a huge page's single fault costs less than the 256 faults of 1 MiB
 // of small pages, and at most half of such a block is left unused (a PNG file's bytes, its
 // compressed rows).
-constexpr std::size_t kHugePage = std::size_t{2} << 20;
-
 void* Allocate(std::size_t bytes) noexcept {
+  using marlith::kHugePage;
   if (bytes >= kHugePage / 2) return marlith::AllocatePlaneMemory(std::max(bytes, kHugePage));
   return std::malloc(bytes ? bytes : 1);
 }

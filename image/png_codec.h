@@ -1,6 +1,7 @@
-// PNG decoding of 8-bit RGB and grey images and encoding of 8-bit RGB ones, faster than GraphicsMagick's PNG coder
-// (measured in bench/png_bench.cpp): decoding with libspng, encoding with zlib on every core.
-// The image layer uses them for the common case and keeps GraphicsMagick for every other PNG.
+// PNG decoding of 8-bit RGB and grey images and encoding of 8-bit RGB ones, faster than
+// GraphicsMagick's PNG coder (measured in bench/png_bench.cpp): decoding with libspng, encoding
+// with zlib on every core. The image layer uses them for the common case and keeps GraphicsMagick
+// for every other PNG.
 #pragma once
 
 #include <cstdint>
@@ -19,8 +20,8 @@ bool DecodePng8(const std::string& bytes, int64_t maxPixels, int32_t& width, int
                 bool& grey, std::vector<uint8_t>& rgb);
 
 // Encodes width x height x 3 bytes (red, green, blue) as an 8-bit RGB PNG into out (rows
-// Paeth-filtered, zlib level 1, deflated in parts side by side). Returns false with a reason in
-// error when zlib fails.
+// Paeth-filtered, zlib level 1 with run-length matches only, deflated in parts side by side).
+// Returns false with a reason in error when zlib fails.
 bool EncodeRgb8Png(const uint8_t* rgb, int32_t width, int32_t height, std::string& out,
                    std::string& error);
 

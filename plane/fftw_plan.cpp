@@ -42,7 +42,6 @@ void FftwPlanDeleter::operator()(fftw_plan_s* plan) const {
 }
 
 namespace {
-constexpr size_t kHugePage = size_t{2} << 20;
 }  // namespace
 
 void* AllocatePlaneMemory(size_t bytes) {

@@ -22,8 +22,11 @@ using FftwPlan = std::unique_ptr<fftw_plan_s, FftwPlanDeleter>;
 // marlith::Error naming what when FFTW returned no plan.
 FftwPlan AdoptFftwPlan(fftw_plan plan, const char* what);
 
-// FFTW-aligned storage for transform buffers and working planes. Blocks of 2 MiB and more are
-// aligned to 2 MiB and offered to the kernel as transparent huge pages: first touching a
+// The size of a transparent huge page on the machines we build for.
+inline constexpr size_t kHugePage = size_t{2} << 20;
+
+// FFTW-aligned storage for transform buffers and working planes. Blocks of kHugePage and more
+// are aligned to it and offered to the kernel as transparent huge pages: first touching a
 // working plane then takes one page fault per 2 MiB instead of one per 4 KiB.
 void* AllocatePlaneMemory(size_t bytes);  // nullptr when the system refuses
 void FreePlaneMemory(void* p);
