@@ -269,14 +269,14 @@ int SpectralDeconvSolver::Setup(const double* imagePlane, int width, int height,
   options_ = options;
   planeSize_ = static_cast<size_t>(width) * height;
   spectrumSize_ = HalfSpectrumSize(width, height);
-  forwardTransform_ =
-      std::make_unique<SpectralTransform>(width, height, SpectralTransform::kForward, threads);
+  forwardTransform_ = std::make_unique<SpectralTransform>(
+      width, height, SpectralTransform::kForward, threads, SpectralTransform::kInPlace);
   inverseTransform_ =
       std::make_unique<SpectralTransform>(width, height, SpectralTransform::kInverse, threads);
-  // The solve's planes, for this size. The kernel's plane and the image's spectrum pass through
-  // the first plane and the spectrum before the solve.
-  planeA_ = AllocateFftwBuffer<double>(planeSize_);
-  planeB_.reset();  // obtained by the first solve
+  // The solve's planes, for this size: the estimates' two are obtained by the first solve; the
+  // image's spectrum passes through the spectrum's before the solve.
+  planeA_.reset();
+  planeB_.reset();
   spectrum_ = AllocateFftwBuffer<Complex>(spectrumSize_);
   result_ = nullptr;
   ResetDefaults();
@@ -335,15 +335,15 @@ int SpectralDeconvSolver::SetKernel(std::span<const double> kernel, int kernelWi
                      kernel.begin() + static_cast<size_t>(kernelWidth) * kernelHeight);
   kernelWidth_ = kernelWidth;
   kernelHeight_ = kernelHeight;
-  // The kernel centred in the plane and shifted so that its centre is at the origin, in the
-  // solve's first plane, which a solve writes before it reads it.
-  double* plane = planeA_.get();
-  std::fill_n(plane, planeSize_, 0.0);
-  for (const Tap& tap : CentredShiftedTaps(kernelCopy_, kernelWidth, kernelHeight, width_, height_))
-    plane[static_cast<size_t>(tap.y) * width_ + tap.x] = tap.value;
-  // K is kept in the numerator's storage until the numerator is formed.
+  // The kernel centred in the plane and shifted so that its centre is at the origin, transformed
+  // in the numerator's storage, which keeps K until the numerator is formed.
   Complex* k = numerator_.get();
-  forwardTransform_->Forward(plane, k);
+  double* plane = reinterpret_cast<double*>(k);
+  const size_t rowLength = forwardTransform_->InPlaceRowLength();
+  std::fill_n(plane, rowLength * height_, 0.0);
+  for (const Tap& tap : CentredShiftedTaps(kernelCopy_, kernelWidth, kernelHeight, width_, height_))
+    plane[tap.y * rowLength + tap.x] = tap.value;
+  forwardTransform_->ForwardInPlace(k);
   SquaredMagnitudes({k, spectrumSize_}, {kernelPower_.get(), spectrumSize_});
   ConjugateSpectrum({k, spectrumSize_}, {conjKernel_.get(), spectrumSize_});
   if (imagePlane_) {
@@ -361,7 +361,13 @@ void SpectralDeconvSolver::SetImage(const double* plane) {
   refGradX_.clear();
   refGradY_.clear();
   // The image's spectrum goes through the solve's spectrum plane, free until the solve.
-  forwardTransform_->Forward(plane, spectrum_.get());
+  const size_t rowLength = forwardTransform_->InPlaceRowLength();
+  double* rows = reinterpret_cast<double*>(spectrum_.get());
+  RunParallelRanges(height_, threads_, [&](std::ptrdiff_t first, std::ptrdiff_t last) {
+    for (std::ptrdiff_t y = first; y < last; ++y)
+      std::copy_n(plane + y * width_, width_, rows + y * rowLength);
+  });
+  forwardTransform_->ForwardInPlace(spectrum_.get());
   MultiplySpectra({conjKernel_.get(), spectrumSize_}, {spectrum_.get(), spectrumSize_},
                   {numerator_.get(), spectrumSize_});
 }
@@ -418,11 +424,14 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
   const size_t n = planeSize_;
   // A round transforms one real plane, the adjoint differences of the auxiliary gradients, and
   // the division turns its spectrum into L's in place. The first round reads the image itself as
-  // L. Each round writes the adjoint differences into the plane that does not hold L, and, once
-  // they are transformed, the new L over them; the two planes then change roles, so the previous
-  // L is kept for the convergence sums without a copy or a third plane.
+  // L. Each round writes the adjoint differences into the spectrum's array (rows padded for the
+  // transform in place) and the new L into the plane that does not hold L; the two planes then
+  // change roles, so the previous L is kept for the convergence sums without a copy.
+  if (!planeA_) planeA_ = AllocateFftwBuffer<double>(n);
   if (!planeB_) planeB_ = AllocateFftwBuffer<double>(n);
   Complex* const spectrum = spectrum_.get();
+  double* const adjoint = reinterpret_cast<double*>(spectrum);
+  const size_t adjointRowLength = forwardTransform_->InPlaceRowLength();
   // Each pass is split into one block of rows per thread; the shrink's jobs keep three rows
   // each: Psix and Psiy of the row, and Psiy of the row above.
   const int jobs = std::min(threads_, H);
@@ -484,11 +493,11 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
         if (first < last) shrinkRow(first == 0 ? H - 1 : first - 1, psiX, psiYAbove);
         for (int y = first; y < last; ++y) {
           shrinkRow(y, psiX, psiY);
-          AdjointDifferencesRow(psiX, psiY, psiYAbove, W, next + static_cast<size_t>(y) * W);
+          AdjointDifferencesRow(psiX, psiY, psiYAbove, W, adjoint + y * adjointRowLength);
           std::swap(psiY, psiYAbove);
         }
       });
-      forwardTransform_->Forward(next, spectrum);
+      forwardTransform_->ForwardInPlace(spectrum);
       // L^ = (gamma R^ + N) / (gamma |D|^2 + |K|^2), row by row.
       RunParallelJobs(jobs, threads_, [&](int job) {
         for (int v = JobBegin(H, job, jobs); v < JobBegin(H, job + 1, jobs); ++v) {

@@ -104,7 +104,7 @@ class SpectralDeconvSolver : public DeconvSolver {
   void ResetDefaults() override;
 
   // The restored W x H plane of the last solve: one of the solve's own planes, valid until the
-  // next solve or SetKernel, or the image plane itself when the noise strength left no round to do; empty
+  // next solve, or the image plane itself when the noise strength left no round to do; empty
   // before the first solve.
   std::span<const double> output() const { return {result_, result_ ? planeSize_ : 0}; }
   int width() const { return width_; }
@@ -146,8 +146,8 @@ class SpectralDeconvSolver : public DeconvSolver {
   FftwBuffer<Complex> numerator_, conjKernel_;
   bool weightsPrepared_ = false;
   // Working planes of the solve, reused by every solve (each channel, each noise level), so their
-  // pages are touched once: two planes that hold the estimates and the adjoint differences in
-  // turn, and the spectrum.
+  // pages are touched once: two planes that hold the estimates in turn, and the spectrum, whose
+  // array first holds the adjoint differences that it is the transform of.
   FftwBuffer<double> planeA_, planeB_;
   FftwBuffer<Complex> spectrum_;
   FftwBuffer<double> kernelPower_;

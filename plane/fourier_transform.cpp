@@ -7,10 +7,12 @@
 
 namespace marlith {
 
-SpectralTransform::SpectralTransform(int width, int height, Kind kind, int threads)
-    : width_(width), height_(height), kind_(kind) {
+SpectralTransform::SpectralTransform(int width, int height, Kind kind, int threads,
+                                     Placement placement)
+    : width_(width), height_(height), kind_(kind), placement_(placement) {
+  assert(placement == kSeparate || kind == kForward);
   const size_t n = static_cast<size_t>(width) * height;
-  auto real = AllocateFftwBuffer<double>(n);
+  auto real = placement == kSeparate ? AllocateFftwBuffer<double>(n) : FftwBuffer<double>();
   auto spectrum = AllocateFftwBuffer<fftw_complex>(HalfSpectrumSize(width, height));
   std::lock_guard<std::mutex> lock(FftwPlannerMutex());
   fftw_plan_with_nthreads(threads);
@@ -20,7 +22,18 @@ SpectralTransform::SpectralTransform(int width, int height, Kind kind, int threa
   // instead of 3.7 ms.
   const std::string size =
       std::to_string(width) + "x" + std::to_string(height) + " t" + std::to_string(threads);
-  if (kind == kForward) {
+  if (placement == kInPlace) {
+    // In place the spectrum is written over the plane it comes from: in a round of the solver
+    // that leaves one plane fewer for the transform to pass through (the round took 10 to 20 %
+    // less time measured at 1000 x 1000 on two threads, with a whole-plane pass on each side).
+    double* inPlace = reinterpret_cast<double*>(spectrum.get());
+    plan_ = AdoptFftwPlan(PlanWithWisdom("r2c in place " + size,
+                                         [&](unsigned flags) {
+                                           return fftw_plan_dft_r2c_2d(height, width, inPlace,
+                                                                       spectrum.get(), flags);
+                                         }),
+                          "forward transform");
+  } else if (kind == kForward) {
     plan_ = AdoptFftwPlan(PlanWithWisdom("r2c " + size,
                                          [&](unsigned flags) {
                                            return fftw_plan_dft_r2c_2d(height, width, real.get(),
@@ -38,10 +51,16 @@ SpectralTransform::SpectralTransform(int width, int height, Kind kind, int threa
 }
 
 void SpectralTransform::Forward(const double* plane, Complex* spectrum) const {
-  assert(kind_ == kForward);
+  assert(kind_ == kForward && placement_ == kSeparate);
   // r2c leaves its input alone; the plan's signature just lacks the const.
   fftw_execute_dft_r2c(plan_.get(), const_cast<double*>(plane),
                        reinterpret_cast<fftw_complex*>(spectrum));
+}
+
+void SpectralTransform::ForwardInPlace(Complex* spectrum) const {
+  assert(kind_ == kForward && placement_ == kInPlace);
+  auto* values = reinterpret_cast<fftw_complex*>(spectrum);
+  fftw_execute_dft_r2c(plan_.get(), reinterpret_cast<double*>(values), values);
 }
 
 void SpectralTransform::InverseUnscaled(Complex* spectrum, double* plane) const {

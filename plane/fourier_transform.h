@@ -23,10 +23,15 @@ inline size_t HalfSpectrumSize(int width, int height) {
 class SpectralTransform {
  public:
   enum Kind : int { kForward = 2, kInverse = 3 };
+  // Where a forward transform's plane is: an array of its own, or the spectrum's array itself,
+  // its rows padded to 2 (W / 2 + 1) values (InPlaceRowLength), which the spectrum overwrites.
+  enum Placement : int { kSeparate, kInPlace };
 
   // Plans the transform for width x height (height rows of width values). threads > 1 lets
-  // FFTW split each transform over that many threads.
-  SpectralTransform(int width, int height, Kind kind, int threads = 1);
+  // FFTW split each transform over that many threads. Only a forward transform can be planned
+  // in place.
+  SpectralTransform(int width, int height, Kind kind, int threads = 1,
+                    Placement placement = kSeparate);
 
   int width() const { return width_; }
   int height() const { return height_; }
@@ -34,6 +39,10 @@ class SpectralTransform {
 
   // Forward (kind 2): spectrum = DFT(plane). The plane is left unchanged.
   void Forward(const double* plane, Complex* spectrum) const;
+  // Forward in place: the spectrum array holds the plane (rows of InPlaceRowLength() values, the
+  // last two of each row unused) and receives its half spectrum.
+  void ForwardInPlace(Complex* spectrum) const;
+  int InPlaceRowLength() const { return 2 * (width_ / 2 + 1); }
   // Inverse (kind 3): plane = IDFT(spectrum) / (W x H). The spectrum is overwritten.
   void Inverse(Complex* spectrum, double* plane) const;
   // Inverse without the 1 / (W x H) factor, for callers that fold it into an earlier pass.
@@ -43,6 +52,7 @@ class SpectralTransform {
   int width_;
   int height_;
   Kind kind_;
+  Placement placement_;
   FftwPlan plan_;
 };
 

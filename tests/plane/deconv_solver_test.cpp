@@ -20,6 +20,12 @@ TEST(Dft2d, OneShotTransformsMatchThePlannedForwardTransform) {
   auto expected = AllocateFftwBuffer<Complex>(half);
   std::copy(x.begin(), x.end(), plane.get());
   forward.Forward(plane.get(), expected.get());
+  // The same transform in place, on rows padded to the spectrum's row length.
+  SpectralTransform inPlace(W, H, SpectralTransform::kForward, 1, SpectralTransform::kInPlace);
+  auto padded = AllocateFftwBuffer<Complex>(half);
+  for (int y = 0; y < H; ++y)
+    std::copy_n(x.begin() + y * W, W, reinterpret_cast<double*>(padded.get()) + y * (W + 2));
+  inPlace.ForwardInPlace(padded.get());
 
   std::vector<Complex> once(half);
   ASSERT_EQ(Dft2d(x.data(), W, H, once.data()), 0);
@@ -32,6 +38,7 @@ TEST(Dft2d, OneShotTransformsMatchThePlannedForwardTransform) {
   ASSERT_EQ(Dft2dSingle(single.data(), W, H, singleOut.data()), 0);
   for (size_t i = 0; i < half; ++i) {
     EXPECT_NEAR(std::abs(once[i] - expected[i]), 0.0, 1e-12);
+    EXPECT_NEAR(std::abs(padded[i] - expected[i]), 0.0, 1e-12);
     EXPECT_NEAR(std::abs(Complex(block[2 * i], block[2 * i + 1]) - expected[i]), 0.0, 1e-12);
     EXPECT_NEAR(std::abs(Complex(singleOut[i]) - expected[i]), 0.0, 1e-4);
   }
