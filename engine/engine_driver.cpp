@@ -167,19 +167,45 @@ PreparedKernel PrepareKernel(std::span<const double> kernel, int width, int heig
   return prepared;
 }
 
-int32_t RunDeconvEngine(const DeconvRequest& request, int32_t variant, PreparedKernel* usedKernel) {
-  CheckRequest(request);
-  PreparedKernel kernel = PrepareKernel(
+namespace {
+
+// The request's kernel as the solvers receive it, and the request that carries it.
+PreparedKernel PrepareRequestKernel(const DeconvRequest& request) {
+  return PrepareKernel(
       std::span<const double>(request.kernel,
                               static_cast<size_t>(request.kernelWidth) * request.kernelHeight),
       request.kernelWidth, request.kernelHeight);
+}
+
+DeconvRequest SolverRequest(const DeconvRequest& request, const PreparedKernel& kernel) {
   DeconvRequest solverRequest = request;
   solverRequest.kernel = kernel.values.data();
   solverRequest.kernelWidth = kernel.width;
   solverRequest.kernelHeight = kernel.height;
+  return solverRequest;
+}
+
+}  // namespace
+
+std::unique_ptr<SolverSetupAhead> StartSolverSetupAhead(const DeconvRequest& request) {
+  try {
+    const PreparedKernel kernel = PrepareRequestKernel(request);
+    return std::make_unique<SolverSetupAhead>(SolverRequest(request, kernel), SolverRunOptions{});
+  } catch (const std::exception&) {
+    return nullptr;
+  }
+}
+
+int32_t RunDeconvEngine(const DeconvRequest& request, int32_t variant, PreparedKernel* usedKernel,
+                        SolverSetupAhead* setupAhead) {
+  CheckRequest(request);
+  PreparedKernel kernel = PrepareRequestKernel(request);
+  const DeconvRequest solverRequest = SolverRequest(request, kernel);
+  SolverRunOptions options;
+  options.setupAhead = setupAhead;
   switch (variant) {
     case kFrequencySolverVariant:
-      RunFrequencySolver(solverRequest);
+      RunFrequencySolver(solverRequest, options);
       break;
     case kKernelRefinementVariant:
       RunKernelRefinementPass(solverRequest, kernel.values);

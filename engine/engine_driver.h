@@ -5,6 +5,7 @@
 #include <span>
 #include <vector>
 
+#include "engine/frequency_solver_run.h"
 #include "marlith/deconv_request.h"
 
 namespace marlith {
@@ -47,8 +48,14 @@ std::vector<double> NewImagePlanes(size_t count);
 // its kernel and runs the chosen variant on a private copy; the solver writes request.output.
 // Any other variant runs no solver and leaves the output planes as they are. When usedKernel is
 // given it receives the kernel as the variant left it: prepared, and for variant 2 refined.
-// Returns 0.
+// Variant 1 takes setupAhead's solver when it was set up for this request. Returns 0.
 int32_t RunDeconvEngine(const DeconvRequest& request, int32_t variant,
-                        PreparedKernel* usedKernel = nullptr);
+                        PreparedKernel* usedKernel = nullptr,
+                        SolverSetupAhead* setupAhead = nullptr);
+
+// Starts setting up, on a thread of its own, the solver that RunDeconvEngine(request, 1) will
+// take: request's planes are not read (they may be null), only its sizes, kernel and settings.
+// Null when the kernel is refused (RunDeconvEngine then reports it).
+std::unique_ptr<SolverSetupAhead> StartSolverSetupAhead(const DeconvRequest& request);
 
 }  // namespace marlith

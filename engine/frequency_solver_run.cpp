@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cassert>
+#include <future>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "fit/border_extension.h"
@@ -26,7 +28,51 @@ int MarginFor(int n, int k, MarginSize margins) {
 // Share of the run's progress the margins take when there are any.
 constexpr double kMarginShare = 0.1;
 
+// The even working size of a request, with its margins when boundaryType is non-zero.
+std::pair<int, int> WorkingSize(const DeconvRequest& request, MarginSize margins) {
+  int width = request.width + (request.width & 1), height = request.height + (request.height & 1);
+  if (request.boundaryType != 0) {
+    width += 2 * MarginFor(width, request.kernelWidth, margins);
+    height += 2 * MarginFor(height, request.kernelHeight, margins);
+  }
+  return {width, height};
+}
+
 }  // namespace
+
+SolverSetupAhead::SolverSetupAhead(const DeconvRequest& request, const SolverRunOptions& options)
+    : kernel_(request.kernel,
+              request.kernel + static_cast<size_t>(request.kernelWidth) * request.kernelHeight),
+      kernelWidth_(request.kernelWidth),
+      kernelHeight_(request.kernelHeight),
+      localPriorWeight_(request.localPriorWeight),
+      threads_(ResolveThreads(options.threads)) {
+  std::tie(width_, height_) = WorkingSize(request, options.margins);
+  solver_ = std::async(std::launch::async, [this] {
+    return std::make_unique<ChannelSolver>(width_, height_, kernel_, kernelWidth_, kernelHeight_,
+                                           localPriorWeight_, threads_);
+  });
+}
+
+SolverSetupAhead::~SolverSetupAhead() {
+  if (solver_.valid()) solver_.wait();
+}
+
+std::unique_ptr<ChannelSolver> SolverSetupAhead::Take(int width, int height,
+                                                      std::span<const double> kernel,
+                                                      int kernelWidth, int kernelHeight,
+                                                      double localPriorWeight, int threads) {
+  if (!solver_.valid()) return nullptr;
+  const bool fits = width == width_ && height == height_ && kernelWidth == kernelWidth_ &&
+                    kernelHeight == kernelHeight_ && localPriorWeight == localPriorWeight_ &&
+                    threads == threads_ && std::ranges::equal(kernel, kernel_);
+  try {
+    std::unique_ptr<ChannelSolver> solver = solver_.get();
+    return fits ? std::move(solver) : nullptr;
+  } catch (const std::exception&) {
+    return nullptr;
+  }
+}
 
 int NextFastSize(int minimum) {
   for (int n = std::max(2, minimum + (minimum & 1));; n += 2) {
@@ -113,26 +159,33 @@ int RunFrequencySolver(const DeconvRequest& request, const SolverRunOptions& opt
     work = PrepareWorkingPlanes(request, options);
   }
   const size_t planeSize = static_cast<size_t>(work.width) * work.height;
-  ChannelSolver solver(
-      work.width, work.height,
-      std::span<const double>(request.kernel,
-                              static_cast<size_t>(request.kernelWidth) * request.kernelHeight),
-      request.kernelWidth, request.kernelHeight, request.localPriorWeight,
-      ResolveThreads(options.threads));
+  const std::span<const double> kernel(
+      request.kernel, static_cast<size_t>(request.kernelWidth) * request.kernelHeight);
+  const int threads = ResolveThreads(options.threads);
+  std::unique_ptr<ChannelSolver> solver;
+  if (options.setupAhead) {
+    solver = options.setupAhead->Take(work.width, work.height, kernel, request.kernelWidth,
+                                      request.kernelHeight, request.localPriorWeight, threads);
+  }
+  if (!solver) {
+    solver = std::make_unique<ChannelSolver>(work.width, work.height, kernel, request.kernelWidth,
+                                             request.kernelHeight, request.localPriorWeight,
+                                             threads);
+  }
   const double start = SolveStart(request), share = (1.0 - start) / request.channels;
   // Each channel's result replaces its working plane, which the solve no longer needs (the
   // solver reads its input plane whole before it writes the result).
   for (int c = 0; c < request.channels; ++c) {
     if (options.progress) {
       const double from = start + share * c;
-      solver.SetProgress([&options, from, share](double f) {
+      solver->SetProgress([&options, from, share](double f) {
         options.progress("deconvolution", from + share * f);
       });
     }
     const std::span<double> plane =
         inPlace ? std::span<double>(request.output + c * planeSize, planeSize)
                 : std::span<double>(work.planes.data() + c * planeSize, planeSize);
-    solver.Solve(
+    solver->Solve(
         inPlace ? std::span<const double>(request.input + c * planeSize, planeSize) : plane, plane,
         1, request.noise);
   }

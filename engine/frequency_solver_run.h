@@ -3,12 +3,17 @@
 #pragma once
 
 #include <functional>
+#include <future>
+#include <memory>
 #include <span>
 #include <vector>
 
 #include "marlith/deconv_request.h"
 
 namespace marlith {
+
+class ChannelSolver;
+class SolverSetupAhead;
 
 // How wide the smooth periodic margins are and how they are fitted.
 enum class MarginSize {
@@ -33,6 +38,35 @@ struct SolverRunOptions {
   MarginSize margins = MarginSize::kExact;
   int threads = 0;  // threads for each transform and pass over the planes; 0: every core
   RunProgress progress;
+  // A solver set up beforehand, which RunFrequencySolver takes when it fits the run.
+  SolverSetupAhead* setupAhead = nullptr;
+};
+
+// The solver of a RunFrequencySolver call set up on a thread of its own while the caller does
+// other work, such as reading the image: started from the request's sizes, (prepared) kernel and
+// weight alone (its planes may be null, its channel count and noise do not matter) and the
+// options' margins and threads.
+class SolverSetupAhead {
+ public:
+  SolverSetupAhead(const DeconvRequest& request, const SolverRunOptions& options);
+  ~SolverSetupAhead();  // waits for the set-up to end
+  SolverSetupAhead(const SolverSetupAhead&) = delete;
+  SolverSetupAhead& operator=(const SolverSetupAhead&) = delete;
+
+  // The solver, once its set-up has ended, when it was set up for this working size, kernel,
+  // weight and threads; null otherwise, or when the set-up failed (the caller then sets up its
+  // own, and meets the failure itself). A second call returns null.
+  std::unique_ptr<ChannelSolver> Take(int width, int height, std::span<const double> kernel,
+                                      int kernelWidth, int kernelHeight, double localPriorWeight,
+                                      int threads);
+
+ private:
+  int width_, height_;
+  std::vector<double> kernel_;
+  int kernelWidth_, kernelHeight_;
+  double localPriorWeight_;
+  int threads_;
+  std::future<std::unique_ptr<ChannelSolver>> solver_;
 };
 
 // The request's planes extended to even sizes (last column and row repeated) and, for a

@@ -51,6 +51,27 @@ bool ReadWholeFile(const std::string& path, std::string& bytes, std::string& err
   return true;
 }
 
+bool ReadFileHead(const std::string& path, size_t count, std::string& bytes) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) return false;
+  struct stat info {};
+  bool ok = fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
+  bytes.assign(count, '\0');
+  size_t got = 0;
+  while (ok && got < count) {
+    const ssize_t n = ::read(fd, bytes.data() + got, count - got);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      ok = n == 0;
+      break;
+    }
+    got += static_cast<size_t>(n);
+  }
+  ::close(fd);
+  bytes.resize(got);
+  return ok;
+}
+
 bool WriteFileAtomically(const std::string& path, std::string_view bytes, std::string& error) {
   const std::filesystem::path target(path);
   const std::filesystem::path folder =

@@ -11,6 +11,10 @@ namespace marlith {
 // is empty.
 bool ReadWholeFile(const std::string& path, std::string& bytes, std::string& error);
 
+// Reads the first count bytes of the regular file at path (fewer when it is shorter) into bytes,
+// without waiting on anything that is not a regular file. Returns false when it cannot.
+bool ReadFileHead(const std::string& path, size_t count, std::string& bytes);
+
 // Writes bytes to path atomically: they go to a temporary file in path's folder that is synced
 // and renamed over path only when complete, so a failed or interrupted write leaves any previous
 // file at path untouched and no temporary behind. The new file gets the mode 0666 less the

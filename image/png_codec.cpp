@@ -11,6 +11,8 @@
 #include <thread>
 #include <vector>
 
+#include "image/file_bytes.h"
+
 namespace marlith {
 namespace {
 
@@ -32,6 +34,25 @@ constexpr int kCompressionLevel = 1;
 constexpr int kRowsPerPart = 128;
 
 }  // namespace
+
+bool ReadPngSize(const std::string& path, int32_t& width, int32_t& height) {
+  // The signature, then the IHDR chunk's length (13) and name, then its width and height.
+  static constexpr std::string_view kStart("\x89PNG\r\n\x1a\n\0\0\0\x0dIHDR", 16);
+  std::string head;
+  if (!ReadFileHead(path, 24, head) || head.size() < 24 || head.compare(0, 16, kStart) != 0)
+    return false;
+  auto bigEndian = [&](size_t at) {
+    uint32_t value = 0;
+    for (size_t i = at; i < at + 4; ++i) value = value << 8 | static_cast<uint8_t>(head[i]);
+    return value;
+  };
+  const uint32_t w = bigEndian(16), h = bigEndian(20);
+  // Both at most 2^31 - 1, as PNG allows.
+  if (w < 1 || h < 1 || w > 0x7fffffffu || h > 0x7fffffffu) return false;
+  width = static_cast<int32_t>(w);
+  height = static_cast<int32_t>(h);
+  return true;
+}
 
 bool DecodePng8(const std::string& bytes, int64_t maxPixels, int32_t& width, int32_t& height,
                 bool& grey, std::vector<uint8_t>& rgb) {

@@ -19,6 +19,10 @@ namespace marlith {
 bool DecodePng8(const std::string& bytes, int64_t maxPixels, int32_t& width, int32_t& height,
                 bool& grey, std::vector<uint8_t>& rgb);
 
+// The width and height a PNG file's header gives, read without decoding it; false when path is
+// not a readable PNG file or its header is malformed.
+bool ReadPngSize(const std::string& path, int32_t& width, int32_t& height);
+
 // Encodes width x height x 3 bytes (red, green, blue) as an 8-bit RGB PNG into out (rows
 // Paeth-filtered, zlib level 1 with run-length matches only, deflated in parts side by side).
 // Returns false with a reason in error when zlib fails.

@@ -124,7 +124,8 @@ const Row kRows[] = {
     {"UndecodableFiles",
      "@missing.png @k.png @out.png; @in.png @missing.png @out.png; @ @k.png @out.png; @in.png @ "
      "@out.png; @empty.png @k.png @out.png; @in.png @noise.png @out.png; @cut1.png @k.png "
-     "@out.png; @in.png @cut2.png @out.png; @cut1.jpg @k.png @out.png; @in.png @cut2.jpg @out.png",
+     "@out.png; @in.png @cut2.png @out.png; @cut1.jpg @k.png @out.png; @in.png @cut2.jpg @out.png; "
+     "@cut1.png @cut2.png @out.png",
      kRefused, "Cannot load image %"},
     {"HeaderOverThePixelLimit", "@huge.png @k.png @out.png", kRefused, "Cannot load image %"},
     {"ImageSmallerThanTheKernel",

@@ -8,6 +8,8 @@
 #include <tuple>
 
 #include "marlith/error.hpp"
+#include "plane/channel_solve.h"
+#include "plane/worker_pool.h"
 
 namespace marlith {
 namespace {
@@ -120,6 +122,42 @@ TEST(RunDeconvEngine, UnknownVariantsLeaveTheOutputUntouchedAndBadRequestsAreRef
     mutate(r);
     EXPECT_THROW(RunDeconvEngine(r, 1), Error);
   }
+}
+
+TEST(SolverSetupAhead, GivesItsSolverToTheRunItFitsAndTheSameResult) {
+  constexpr int W = 40, H = 30;
+  std::vector<double> input(W * H);
+  for (int i = 0; i < W * H; ++i) input[i] = 0.5 + 0.4 * std::sin(i * 0.37) * std::cos(i * 0.011);
+  const std::vector<double> kernel{1, 2, 3, 2, 1, 0, 1, 2, 1}, other{1, 2, 1, 2, 3, 2, 0, 1, 0};
+  auto request = [&](const std::vector<double>& k, int width, int height, double* output) {
+    return MakeScaledRequest(input.data(), output, width, height, 1, k.data(), 3, 3, 0.5, 1, 0);
+  };
+  // Taken once, and only by a run of the same working size, kernel, weight and threads; a set-up
+  // that failed (a kernel larger than the image) gives nothing.
+  struct Case {
+    int width, height;
+    const std::vector<double>& kernel;
+    int threads;
+    bool taken;
+  };
+  const int threads = ResolveThreads(0);
+  for (const Case& c : {Case{W, H, kernel, threads, true}, Case{W - 2, H, kernel, threads, false},
+                        Case{W, H, other, threads, false}, Case{W, H, kernel, threads + 1, false}}) {
+    SolverSetupAhead ahead(request(kernel, W, H, nullptr), {});
+    EXPECT_EQ(ahead.Take(c.width, c.height, c.kernel, 3, 3, 20, c.threads) != nullptr, c.taken);
+    EXPECT_EQ(ahead.Take(W, H, kernel, 3, 3, 20, threads), nullptr);
+  }
+  SolverSetupAhead failed(request(kernel, 2, 2, nullptr), {});
+  EXPECT_EQ(failed.Take(2, 2, kernel, 3, 3, 20, threads), nullptr);
+
+  // The engine with a solver set up ahead from the sizes and kernel alone gives the same result.
+  std::vector<double> plain(W * H), ahead(W * H);
+  ASSERT_EQ(RunDeconvEngine(request(kernel, W, H, plain.data()), kFrequencySolverVariant), 0);
+  const auto setUp = StartSolverSetupAhead(request(kernel, W, H, nullptr));
+  ASSERT_EQ(RunDeconvEngine(request(kernel, W, H, ahead.data()), kFrequencySolverVariant, nullptr,
+                            setUp.get()),
+            0);
+  EXPECT_EQ(ahead, plain);
 }
 
 }  // namespace

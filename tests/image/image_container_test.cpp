@@ -3,6 +3,7 @@
 
 #include <Magick++.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <chrono>
 #include <cmath>
@@ -10,6 +11,7 @@
 #include <limits>
 
 #include "image/plane_saving.h"
+#include "image/png_codec.h"
 #include "support/test_support.h"
 
 namespace marlith {
@@ -88,6 +90,25 @@ TEST(CxImage, RefusesAHugeHeaderBeforeDecodingPixels) {
   EXPECT_FALSE(image.Load(dir / "huge.png", kImageTypePng));
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
   EXPECT_NE(image.GetLastError().find("pixels"), std::string::npos) << image.GetLastError();
+}
+
+TEST(ReadPngSize, ReadsTheHeaderOfPngFilesOnlyAndNeverWaits) {
+  TempDir dir;
+  const std::string huge = test::HugePng();
+  test::WriteFileBytes(dir / "huge.png", huge);
+  test::WriteFileBytes(dir / "cut.png", huge.substr(0, 23));
+  test::WriteFileBytes(dir / "text.png", "not a PNG file at all, though long enough");
+  std::string zeroWidth = huge;
+  zeroWidth.replace(16, 4, std::string(4, '\0'));
+  test::WriteFileBytes(dir / "zero.png", zeroWidth);
+  std::filesystem::create_directory(dir / "folder.png");
+  ASSERT_EQ(mkfifo((dir / "fifo.png").c_str(), 0600), 0);  // opened, never waited on
+  int32_t width = 0, height = 0;
+  ASSERT_TRUE(ReadPngSize(dir / "huge.png", width, height));
+  EXPECT_EQ(width, 100000);
+  EXPECT_EQ(height, 100000);
+  for (const char* name : {"cut.png", "text.png", "zero.png", "folder.png", "fifo.png", "none.png"})
+    EXPECT_FALSE(ReadPngSize(dir / name, width, height)) << name;
 }
 
 TEST(ImageTypeFromName, ReadsTheLastThreeCharactersCaseSensitively) {
