@@ -25,9 +25,12 @@ bool LoadImage(CxImage& image, const std::string& path) {
   return false;
 }
 
-int32_t RunLoaded(const DeconvFileJob& job, int32_t variant, const CxImage& input,
+int32_t RunLoaded(const DeconvFileJob& job, int32_t variant, CxImage& input,
                   const CxImage& kernelImage, SolverSetupAhead* setupAhead) {
   ImagePlanes image = ImageToPlanes(input);
+  // Its memory, released now, serves the result's image: fresh memory costs about half a
+  // millisecond a megabyte in a short run.
+  input.Destroy();
   const ImagePlanes kernel = KernelFromImage(kernelImage);
   const int32_t width = image.width, height = image.height, channels = image.channels;
   // The engine reads every input plane before it writes the output, so the result replaces

@@ -24,6 +24,9 @@ void ChannelSolver::Solve(std::span<const double> observed, std::span<double> re
   for (int c = 0; c < channels; ++c) {
     solver_.SetImage(observed.data() + c * planeSize);
     solver_.PrepareWeights(129);
+    // The result's plane serves as a working plane: one plane less of fresh memory, and no copy
+    // when the solve ends in it.
+    solver_.LendPlane(result.data() + c * planeSize);
     solver_.SolveWithNoise(noise);
     // With no round to do (a very large noise strength) the output is the input plane itself,
     // which may already be where the result goes.

@@ -28,7 +28,8 @@ class ChannelSolver {
 
   // Deconvolves each of channels planes of observed (channels x height x width) with the noise
   // value (already scaled: user value / 2000) into result, channel by channel in order. result
-  // may be the same planes as observed: each channel is overwritten once it is solved.
+  // is either the same planes as observed or apart from them: a channel's result plane serves
+  // its solve as a working plane.
   void Solve(std::span<const double> observed, std::span<double> result, int channels,
              double noise);
 

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <numbers>
 #include <string>
+#include <utility>
 
 #include "marlith/error.hpp"
 #include "plane/plane_padding.h"
@@ -427,8 +428,9 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
   // L. Each round writes the adjoint differences into the spectrum's array (rows padded for the
   // transform in place) and the new L into the plane that does not hold L; the two planes then
   // change roles, so the previous L is kept for the convergence sums without a copy.
+  double* const lent = std::exchange(lentPlane_, nullptr);
   if (!planeA_) planeA_ = AllocateFftwBuffer<double>(n);
-  if (!planeB_) planeB_ = AllocateFftwBuffer<double>(n);
+  if (!lent && !planeB_) planeB_ = AllocateFftwBuffer<double>(n);
   Complex* const spectrum = spectrum_.get();
   double* const adjoint = reinterpret_cast<double*>(spectrum);
   const size_t adjointRowLength = forwardTransform_->InPlaceRowLength();
@@ -439,7 +441,7 @@ int SpectralDeconvSolver::SolveWithNoise(double noise) {
   std::vector<double> rowChange(H), rowNorm(H);
   const double* latent = imagePlane_;  // the estimate a round reads
   double* next = planeA_.get();        // the plane it writes into
-  double* spare = planeB_.get();
+  double* spare = lent ? lent : planeB_.get();
 
   const double q = localPriorWeight;
   const PriorShape shape{priorSlope, priorCurvature, priorOffset, priorThreshold};

@@ -93,6 +93,10 @@ class SpectralDeconvSolver : public DeconvSolver {
   // set (by Setup or SetImage; its plane must still hold it), the numerator is formed from it
   // again. Returns 0.
   int SetKernel(std::span<const double> kernel, int kernelWidth, int kernelHeight);
+  // Lends the next solve a W x H plane to use as one of its working planes instead of one of its
+  // own; its values are lost. It may be the image plane itself, which a solve reads only in its
+  // first round, before it writes the lent plane.
+  void LendPlane(double* plane) { lentPlane_ = plane; }
 
   int SolveWithNoise(double noise) override;
   void SetImage(const double* plane) override;
@@ -103,8 +107,8 @@ class SpectralDeconvSolver : public DeconvSolver {
   int PrepareWeights(uint32_t setting) override;
   void ResetDefaults() override;
 
-  // The restored W x H plane of the last solve: one of the solve's own planes, valid until the
-  // next solve, or the image plane itself when the noise strength left no round to do; empty
+  // The restored W x H plane of the last solve: one of the solve's own planes or the lent plane,
+  // valid until the next solve, or the image plane itself when the noise strength left no round to do; empty
   // before the first solve.
   std::span<const double> output() const { return {result_, result_ ? planeSize_ : 0}; }
   int width() const { return width_; }
@@ -149,6 +153,7 @@ class SpectralDeconvSolver : public DeconvSolver {
   // pages are touched once: two planes that hold the estimates in turn, and the spectrum, whose
   // array first holds the adjoint differences that it is the transform of.
   FftwBuffer<double> planeA_, planeB_;
+  double* lentPlane_ = nullptr;  // used by the next solve instead of planeB_
   FftwBuffer<Complex> spectrum_;
   FftwBuffer<double> kernelPower_;
   std::vector<double> refGradX_, refGradY_, smoothMask_;
