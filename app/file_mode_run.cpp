@@ -69,9 +69,9 @@ std::unique_ptr<SolverSetupAhead> SetUpWhileReading(const DeconvFileJob& job, Cx
   if (!kernelLoaded) return nullptr;
   try {
     const ImagePlanes kernel = KernelFromImage(kernelImage);
-    return StartSolverSetupAhead(MakeScaledRequest(
-        nullptr, nullptr, width, height, 1, kernel.planes.data(), kernel.width, kernel.height,
-        job.noise, job.localPriorWeight, job.boundaryType));
+    return StartSolverSetupAhead(
+        MakeScaledRequest(nullptr, nullptr, width, height, 1, kernel.planes.data(), kernel.width,
+                          kernel.height, job.noise, job.localPriorWeight, job.boundaryType));
   } catch (const std::exception&) {
     return nullptr;
   }

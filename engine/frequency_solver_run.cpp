@@ -168,9 +168,9 @@ int RunFrequencySolver(const DeconvRequest& request, const SolverRunOptions& opt
                                       request.kernelHeight, request.localPriorWeight, threads);
   }
   if (!solver) {
-    solver = std::make_unique<ChannelSolver>(work.width, work.height, kernel, request.kernelWidth,
-                                             request.kernelHeight, request.localPriorWeight,
-                                             threads);
+    solver =
+        std::make_unique<ChannelSolver>(work.width, work.height, kernel, request.kernelWidth,
+                                        request.kernelHeight, request.localPriorWeight, threads);
   }
   const double start = SolveStart(request), share = (1.0 - start) / request.channels;
   // Each channel's result replaces its working plane, which the solve no longer needs (the

@@ -108,8 +108,8 @@ class SpectralDeconvSolver : public DeconvSolver {
   void ResetDefaults() override;
 
   // The restored W x H plane of the last solve: one of the solve's own planes or the lent plane,
-  // valid until the next solve, or the image plane itself when the noise strength left no round to do; empty
-  // before the first solve.
+  // valid until the next solve, or the image plane itself when the noise strength left no round
+  // to do; empty before the first solve.
   std::span<const double> output() const { return {result_, result_ ? planeSize_ : 0}; }
   int width() const { return width_; }
   int height() const { return height_; }

@@ -141,8 +141,9 @@ TEST(SolverSetupAhead, GivesItsSolverToTheRunItFitsAndTheSameResult) {
     bool taken;
   };
   const int threads = ResolveThreads(0);
-  for (const Case& c : {Case{W, H, kernel, threads, true}, Case{W - 2, H, kernel, threads, false},
-                        Case{W, H, other, threads, false}, Case{W, H, kernel, threads + 1, false}}) {
+  for (const Case& c :
+       {Case{W, H, kernel, threads, true}, Case{W - 2, H, kernel, threads, false},
+        Case{W, H, other, threads, false}, Case{W, H, kernel, threads + 1, false}}) {
     SolverSetupAhead ahead(request(kernel, W, H, nullptr), {});
     EXPECT_EQ(ahead.Take(c.width, c.height, c.kernel, 3, 3, 20, c.threads) != nullptr, c.taken);
     EXPECT_EQ(ahead.Take(W, H, kernel, 3, 3, 20, threads), nullptr);
