@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <filesystem>
 
@@ -15,35 +17,39 @@ std::string OsError(const std::string& what, const std::string& path) {
   return what + " " + path + ": " + std::strerror(errno);
 }
 
-}  // namespace
-
-bool ReadWholeFile(const std::string& path, std::string& bytes, std::string& error) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+// Reads at most limit bytes of the regular file at path, opened with the extra flags, into
+// bytes. Returns false with a one-line reason naming path in error.
+bool ReadRegularFile(const std::string& path, int flags, size_t limit, std::string& bytes,
+                     std::string& error) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | flags);
   if (fd < 0) {
     error = OsError("cannot open", path);
     return false;
   }
   struct stat info {};
-  if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-    error = path + " is not a regular file";
-    ::close(fd);
-    return false;
-  }
+  bool ok = fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
+  if (!ok) error = path + " is not a regular file";
   bytes.clear();
-  bytes.reserve(static_cast<size_t>(info.st_size));
+  if (ok) bytes.reserve(std::min(limit, static_cast<size_t>(info.st_size)));
   char buffer[1 << 16];
-  for (;;) {
-    const ssize_t n = ::read(fd, buffer, sizeof buffer);
+  while (ok && bytes.size() < limit) {
+    const ssize_t n = ::read(fd, buffer, std::min(sizeof buffer, limit - bytes.size()));
+    if (n < 0 && errno == EINTR) continue;
     if (n < 0) {
-      if (errno == EINTR) continue;
       error = OsError("cannot read", path);
-      ::close(fd);
-      return false;
+      ok = false;
     }
-    if (n == 0) break;
+    if (n <= 0) break;
     bytes.append(buffer, static_cast<size_t>(n));
   }
   ::close(fd);
+  return ok;
+}
+
+}  // namespace
+
+bool ReadWholeFile(const std::string& path, std::string& bytes, std::string& error) {
+  if (!ReadRegularFile(path, 0, SIZE_MAX, bytes, error)) return false;
   if (bytes.empty()) {
     error = path + " is empty";
     return false;
@@ -52,24 +58,8 @@ bool ReadWholeFile(const std::string& path, std::string& bytes, std::string& err
 }
 
 bool ReadFileHead(const std::string& path, size_t count, std::string& bytes) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (fd < 0) return false;
-  struct stat info {};
-  bool ok = fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
-  bytes.assign(count, '\0');
-  size_t got = 0;
-  while (ok && got < count) {
-    const ssize_t n = ::read(fd, bytes.data() + got, count - got);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      ok = n == 0;
-      break;
-    }
-    got += static_cast<size_t>(n);
-  }
-  ::close(fd);
-  bytes.resize(got);
-  return ok;
+  std::string error;
+  return ReadRegularFile(path, O_NONBLOCK, count, bytes, error);
 }
 
 bool WriteFileAtomically(const std::string& path, std::string_view bytes, std::string& error) {

@@ -31,15 +31,19 @@ using Context = std::unique_ptr<spng_ctx, ContextDeleter>;
 // side (libspng deflates in one thread), each part of at least kRowsPerPart rows, so that a
 // part's fresh window costs little.
 constexpr int kCompressionLevel = 1;
+
+// Every PNG file's first eight bytes.
+constexpr std::string_view kSignature("\x89PNG\r\n\x1a\n", 8);
 constexpr int kRowsPerPart = 128;
 
 }  // namespace
 
 bool ReadPngSize(const std::string& path, int32_t& width, int32_t& height) {
   // The signature, then the IHDR chunk's length (13) and name, then its width and height.
-  static constexpr std::string_view kStart("\x89PNG\r\n\x1a\n\0\0\0\x0dIHDR", 16);
+  static constexpr std::string_view kIhdr("\0\0\0\x0dIHDR", 8);
   std::string head;
-  if (!ReadFileHead(path, 24, head) || head.size() < 24 || head.compare(0, 16, kStart) != 0)
+  if (!ReadFileHead(path, 24, head) || head.size() < 24 || !head.starts_with(kSignature) ||
+      head.compare(8, 8, kIhdr) != 0)
     return false;
   auto bigEndian = [&](size_t at) {
     uint32_t value = 0;
@@ -56,8 +60,7 @@ bool ReadPngSize(const std::string& path, int32_t& width, int32_t& height) {
 
 bool DecodePng8(const std::string& bytes, int64_t maxPixels, int32_t& width, int32_t& height,
                 bool& grey, std::vector<uint8_t>& rgb) {
-  static const char kSignature[8] = {'\x89', 'P', 'N', 'G', '\r', '\n', '\x1a', '\n'};
-  if (bytes.size() < 8 || bytes.compare(0, 8, kSignature, 8) != 0) return false;
+  if (!std::string_view(bytes).starts_with(kSignature)) return false;
   Context context(spng_ctx_new(0));
   if (!context || spng_set_png_buffer(context.get(), bytes.data(), bytes.size()) != 0) {
     return false;
@@ -217,7 +220,7 @@ bool EncodeRgb8Png(const uint8_t* rgb, int32_t width, int32_t height, std::strin
   constexpr size_t kChunk = size_t{1} << 30;
   out.clear();
   out.reserve(streamSize + 12 * (streamSize / kChunk + 1) + 64);
-  out.append("\x89PNG\r\n\x1a\n", 8);
+  out.append(kSignature);
   AppendChunk(out, "IHDR", sizeof header, [&] { out.append(header, sizeof header); });
   size_t piece = 0, offset = 0;  // where the stream's next byte lies
   for (size_t at = 0; at < streamSize; at += kChunk) {

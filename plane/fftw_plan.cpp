@@ -41,9 +41,6 @@ void FftwPlanDeleter::operator()(fftw_plan_s* plan) const {
   fftw_destroy_plan(plan);
 }
 
-namespace {
-}  // namespace
-
 void* AllocatePlaneMemory(size_t bytes) {
   // 64 bytes suit every vector unit FFTW uses.
   const size_t alignment = bytes >= kHugePage ? kHugePage : 64;
