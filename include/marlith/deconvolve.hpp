@@ -96,6 +96,22 @@ struct KernelView {
 enum class Boundary : int32_t {
   kPeriodic = 0,  // the image is taken as periodic: right for circularly blurred test images
   kSmooth = 1,    // smooth periodic margins are added first: right for photographs
+  kUnknown = 2,   // what lies beyond the frame is unknown: the blur reaches past it, and the
+                  // working plane's margin is restored without being observed (photographs
+                  // whose blur runs out of the frame)
+};
+
+// How the samples encode light. The blur happened in linear light, so samples encoded with a
+// tone curve are linearised, restored and encoded back with the same curve.
+enum class Colorspace : int32_t {
+  kLinear = 0,  // the samples are proportional to light (or are data): restored as they are
+  kSrgb = 1,    // the sRGB tone curve
+};
+
+// What the noise of a sample is made of.
+enum class NoiseModel : int32_t {
+  kGaussian = 0,  // white noise, its level the same for every sample or following the light
+  kPoisson = 1,   // photon counts over a camera offset (with the read noise of the camera)
 };
 
 enum class Margins : int32_t {
@@ -125,6 +141,20 @@ struct DeconvolveOptions {
   // Applies to Boundary::kSmooth; periodic images are solved at their own (even) size.
   Margins margins = Margins::kFast;
   KernelOrigin kernelOrigin = KernelOrigin::kCenter;
+  // How the samples encode light. Arrays' values are data, so the default is kLinear.
+  Colorspace colorspace = Colorspace::kLinear;
+  // The samples' own tone curve, when not empty (an ICC profile's): toneCurve[i] is the linear
+  // light, from 0 to 1, of the encoded value i / (toneCurve.size() - 1), increasing. Used instead
+  // of colorspace.
+  std::vector<double> toneCurve;
+  // A weight for every sample of the image, in [0, 1] (0: not observed, left out of the fit;
+  // MATLAB's deconvlucy WEIGHT): a view of the image's width and height with one channel (for
+  // every channel) or the image's channel count. No data: every sample weighs 1.
+  BasicImageView<const void> mask;
+  NoiseModel noiseModel = NoiseModel::kGaussian;
+  // kPoisson: the camera's baseline in the image's sample units (0 to 65535 for 16-bit
+  // samples); empty: estimated from the darkest samples.
+  std::optional<double> offset;
   // Re-estimate the kernel from a first solve (with four times the noise), clean it, and
   // deconvolve with the refined kernel.
   bool refineKernel = false;
@@ -138,6 +168,7 @@ struct DeconvolveReport {
   double noiseLevel = 0.0;     // estimated noise level (standard deviation on the [0, 1] scale);
                                // NaN when options.noise was given
   double noiseStrength = 0.0;  // the noise strength the run used
+  double offset = 0.0;         // NoiseModel::kPoisson: the camera offset used, in sample units
   // The kernel the solver used, normalised, trimmed to its support (or to a box centred on the
   // origin) and bordered with one zero sample; refined when options.refineKernel.
   std::vector<double> kernel;
