@@ -7,6 +7,8 @@
 #include "image/file_bytes.h"
 #include "image/magick_module.h"
 #include "image/png_codec.h"
+#include "image/size_check.h"
+#include "image/tiff_file.h"
 
 namespace marlith {
 namespace {
@@ -35,6 +37,9 @@ bool CxImage::Load(const std::string& path, int32_t typeCode) {
   Destroy();
   std::string bytes;
   if (!ReadWholeFile(path, bytes, lastError_)) return false;
+  // TIFFs GraphicsMagick would decode wrongly (L*a*b* as RGB, signed samples wrapped) are
+  // refused; every other file decodes as it always has.
+  if (LooksLikeTiff(bytes) && !(lastError_ = TiffRefusal(bytes, path)).empty()) return false;
   // 8-bit RGB and grey PNGs (photographs, kernels) go through libspng, everything else through
   // GraphicsMagick, which decodes a grey PNG as PseudoClass too.
   std::vector<uint8_t> rgb;
@@ -94,7 +99,7 @@ PixelColor CxImage::GetPixelColor(int32_t x, int32_t y, bool withAlpha) const {
 
 bool CxImage::Create(int32_t width, int32_t height, int32_t bitsPerPixel, int32_t /*typeCode*/) {
   Destroy();
-  if (width < 1 || height < 1 || static_cast<int64_t>(width) * height > kMaxPixels) {
+  if (!SizeWithin(kMaxPixels, {width, height})) {
     lastError_ = "cannot create an image of " + std::to_string(width) + " x " +
                  std::to_string(height) + " pixels";
     return false;

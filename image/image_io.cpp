@@ -11,6 +11,8 @@
 #include "image/file_bytes.h"
 #include "image/image_metadata.h"
 #include "image/magick_module.h"
+#include "image/png_codec.h"
+#include "image/size_check.h"
 #include "image/tiff_file.h"
 #include "marlith/error.hpp"
 
@@ -29,7 +31,7 @@ void CheckWritableType(ImageFileType type, const std::string& path) {
   }
 }
 
-// The pixels of a file GraphicsMagick reads: everything but floating-point TIFF.
+// The pixels of a file GraphicsMagick reads: everything but TIFF and PNG.
 LoadedImage ReadWithMagick(std::string_view bytes, const std::string& path) {
   LoadedImage image;
   std::string error;
@@ -70,9 +72,9 @@ void ApplyOrientation(LoadedImage& image, int orientation) {
 }
 
 void CheckConsistent(const LoadedImage& image, const std::string& path) {
-  const int64_t pixels = int64_t{image.width} * image.height;
+  const int64_t pixels = SizeWithin(kMaxImagePixels, {image.width, image.height}).value_or(0);
   std::string problem;
-  if (image.width < 1 || image.height < 1 || pixels > kMaxImagePixels) {
+  if (pixels == 0) {
     problem = "a size of " + std::to_string(image.width) + " x " + std::to_string(image.height);
   } else if (image.colourChannels != 1 && image.colourChannels != 3) {
     problem = std::to_string(image.colourChannels) + " colour channels (1 or 3 are written)";
@@ -81,6 +83,30 @@ void CheckConsistent(const LoadedImage& image, const std::string& path) {
     problem = std::to_string(image.planes.size()) + " samples for its size and channels";
   }
   if (!problem.empty()) throw Error("cannot write " + path + ": the image has " + problem);
+}
+
+// The chunks of a PNG stream that say how its samples encode light, those of the size the
+// format gives; none for other files.
+PngLightChunks ReadPngLightChunks(std::string_view bytes) {
+  PngLightChunks chunks;
+  if (!bytes.starts_with(std::string_view("\x89PNG\r\n\x1a\n", 8))) return chunks;
+  auto chunk = [&](std::string_view type, size_t size) {
+    std::string data = FindPngChunk(bytes, type);
+    return data.size() == size ? data : std::string();
+  };
+  chunks.gama = chunk("gAMA", 4);
+  chunks.srgb = chunk("sRGB", 1);
+  chunks.cicp = chunk("cICP", 4);
+  return chunks;
+}
+
+// png with the chunks added (before its image data, where the format wants them).
+std::string WithPngLightChunks(std::string png, const PngLightChunks& chunks) {
+  const std::pair<std::string_view, const std::string*> kChunks[] = {
+      {"cICP", &chunks.cicp}, {"gAMA", &chunks.gama}, {"sRGB", &chunks.srgb}};
+  for (const auto& [type, data] : kChunks)
+    if (!data->empty()) png = InsertPngChunk(png, type, *data);
+  return png;
 }
 
 const char* DepthName(SampleDepth depth) {
@@ -168,12 +194,11 @@ LoadedImage ReadImageFile(const std::string& path) {
   if (LooksLikeTiff(bytes)) {
     TiffContents tiff = ReadTiff(bytes, path);
     orientation = tiff.orientation;
-    if (tiff.pixelsRead) {
-      image = std::move(tiff.image);
-    } else {
-      image = ReadWithMagick(bytes, path);
-      image.exif = std::move(tiff.image.exif);
-    }
+    image = std::move(tiff.image);
+  } else if (std::string_view(bytes).starts_with(std::string_view("\x89PNG\r\n\x1a\n", 8))) {
+    if (!DecodePngImage(bytes, path, kMaxImagePixels, image, error)) throw Error(error);
+    orientation = ExifOrientation(image.exif);
+    image.pngLight = ReadPngLightChunks(bytes);
   } else {
     image = ReadWithMagick(bytes, path);
     orientation = ExifOrientation(image.exif);
@@ -181,6 +206,18 @@ LoadedImage ReadImageFile(const std::string& path) {
   ApplyOrientation(image, orientation);
   NeutraliseExifOrientation(image.exif);
   return image;
+}
+
+std::vector<std::string> OutputWarnings(const std::string& path, const LoadedImage& image) {
+  std::vector<std::string> warnings;
+  const ImageFileType type = ImageFileTypeFromPath(path);
+  if (image.hasAlpha && (type == ImageFileType::kJpeg || type == ImageFileType::kPgm ||
+                         type == ImageFileType::kPpm || type == ImageFileType::kPnm)) {
+    warnings.push_back(path + ": " + ImageFileTypeName(type) +
+                       " cannot hold the alpha channel; written without it (write .png or .tif "
+                       "to keep it)");
+  }
+  return warnings;
 }
 
 void CheckOutputPath(const std::string& path) {
@@ -224,6 +261,8 @@ void WriteImageFile(const std::string& path, const LoadedImage& image, SampleDep
     std::string error;
     if (!Magick().encode(image, type, depth, jpegQuality, bytes, error))
       throw Error("cannot encode " + path + ": " + error);
+    // The samples keep the curve they were read with: so does the file.
+    if (type == ImageFileType::kPng) bytes = WithPngLightChunks(std::move(bytes), image.pngLight);
   }
   std::string error;
   if (!WriteFileAtomically(path, bytes, error)) throw Error(error);

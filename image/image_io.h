@@ -16,6 +16,15 @@ inline constexpr int64_t kMaxImagePixels = 256LL * 1024 * 1024;
 // How a file stores its samples.
 enum class SampleDepth { k8, k16, kFloat };
 
+// The chunks of a PNG file that say how its samples encode light, each its raw data, empty when
+// the file has none (an iCCP chunk's profile is LoadedImage::iccProfile). A PNG file written
+// from the image carries them as they are: its samples are encoded with the same curve.
+struct PngLightChunks {
+  std::string gama;  // gAMA: 4 bytes, big-endian, the encoding exponent times 100000
+  std::string srgb;  // sRGB: 1 byte, the rendering intent
+  std::string cicp;  // cICP: 4 bytes: primaries, transfer function, matrix, full range
+};
+
 // An image as read from a file, or to be written to one.
 struct LoadedImage {
   int width = 0, height = 0;
@@ -28,8 +37,15 @@ struct LoadedImage {
   SampleDepth depth = SampleDepth::k8;
   std::string iccProfile;  // the raw profile, empty when none
   // The raw EXIF block as the bare TIFF structure starting "II" or "MM" (no "Exif\0\0" in
-  // front), empty when none.
+  // front), empty when none. A TIFF file's own camera tags and EXIF directory are read into one
+  // (see ExifBlock in image_metadata.h) when it holds no EXIF block of its own.
   std::string exif;
+  PngLightChunks pngLight;  // PNG files only
+  std::string xmp;          // the XMP packet (XML), empty when none
+  std::string iptc;  // IPTC-IIM records, as TIFF tag 33723 and Photoshop resource 1028 hold them
+  // What reading passed over that the user may want to know, one line each naming the file
+  // (metadata too large to keep, say).
+  std::vector<std::string> warnings;
 };
 
 // The image file types marlith writes, named by the file's extension.
@@ -49,22 +65,31 @@ const char* SampleDepthWords(SampleDepth depth);
 // is refused, never narrowed silently: JPEG, BMP and WebP take 8 bits only.
 bool ImageFileTypeHolds(ImageFileType type, SampleDepth depth);
 
-// Reads the image file at path (the format is taken from the content, not the name).
+// Reads the image file at path (the format is taken from the content, not the name): TIFF with
+// libtiff, PNG with libspng, the rest with GraphicsMagick.
 // - Grey files (grey PNG, PGM, grey JPEG or TIFF, palette images whose colours are all grey)
-//   give one colour channel; others three. Alpha (grey+alpha, RGBA, palette transparency) gives
-//   hasAlpha.
-// - depth: kFloat for 32- and 64-bit floating-point TIFF (read by libtiff at full precision,
-//   associated alpha divided out), k16 for files stored above 8 bits, else k8.
+//   give one colour channel; others three. Alpha (grey+alpha, RGBA, palette transparency, a
+//   TIFF extra sample marked as alpha) gives hasAlpha.
+// - depth: kFloat for floating-point TIFF (16-, 32- and 64-bit, at full precision) and for
+//   32-bit unsigned and signed integer TIFF (divided by the type's largest value: [0, 1] and
+//   [-1, 1]); k16 for files stored above 8 bits, else k8. TIFF sample types and colour spaces
+//   are listed at TiffContents (tiff_file.h); CIE L*a*b*, other sample sizes and unmarked extra
+//   samples are refused.
 // - CMYK is converted to RGB as (1 - C)(1 - K) and so on; its ICC profile, which describes the
 //   CMYK, is then dropped.
 // - The EXIF orientation (for TIFF the file's orientation tag) is applied, so the pixels come
 //   back upright, and the returned EXIF block says orientation 1.
 // - EXIF is read from JPEG and WebP, from PNG's eXIf chunk and from a TIFF's Photoshop EXIF
-//   resource (how WriteImageFile stores it); a TIFF's own EXIF directory is not read.
+//   resource, or else its own camera tags and EXIF directory; XMP from JPEG, WebP, PNG's iTXt
+//   chunk and TIFF tag 700; IPTC from JPEG (APP13) and TIFF (tag 33723).
 // Throws marlith::Error, one line naming path and the reason, when path is missing, a
-// directory, empty, unreadable, corrupt or truncated, or claims more than 268,435,456 pixels
-// (refused from the header before any pixel memory is taken).
+// directory, empty, unreadable, corrupt or truncated, claims more than 268,435,456 pixels
+// (refused from the header before any pixel memory is taken), or is a TIFF the table refuses.
 LoadedImage ReadImageFile(const std::string& path);
+
+// What WriteImageFile(path, image, ...) leaves out that the user should be told of, one line
+// each naming path: an alpha channel written to JPEG or PGM/PPM/PNM, which cannot hold it.
+std::vector<std::string> OutputWarnings(const std::string& path, const LoadedImage& image);
 
 // Checks, before a long run, that an image can be written to path: its extension names a type
 // this build writes (WebP needs a GraphicsMagick with WebP), it is not a directory, and its
@@ -76,8 +101,10 @@ void CheckOutputPath(const std::string& path);
 // - Grey stays grey (PGM takes grey only; PPM writes grey as three equal channels; PNM picks
 //   PGM or PPM). Alpha is written to PNG, TIFF, WebP and BMP; JPEG and PGM/PPM/PNM cannot hold
 //   it and it is left out.
-// - The ICC profile is kept by PNG, JPEG, TIFF and WebP; EXIF by PNG (eXIf chunk), JPEG (APP1),
-//   WebP and TIFF (Photoshop's EXIF resource, which exiftool and Photoshop read), both as given.
+// - The ICC profile is kept by PNG (iCCP), JPEG, TIFF and WebP; EXIF by PNG (eXIf chunk), JPEG
+//   (APP1), WebP and TIFF (Photoshop's EXIF resource, which exiftool and Photoshop read, and
+//   its camera tags and EXIF directory as the file's own), all as given; XMP by PNG (iTXt),
+//   JPEG (APP1), TIFF (tag 700) and WebP; IPTC by JPEG (APP13) and TIFF (tag 33723).
 // - jpegQuality (1 to 100) sets JPEG's and WebP's quality and is checked whatever the type.
 // The file is written to a temporary file in path's folder and renamed over path only when
 // complete: on failure nothing is left behind and an existing file at path is untouched.

@@ -8,6 +8,7 @@
 #include <mutex>
 
 #include "image/image_metadata.h"
+#include "image/size_check.h"
 #include "image/tiff_file.h"
 
 namespace marlith {
@@ -28,7 +29,7 @@ bool DecodeImageBlob(const Magick::Blob& blob, const char* format, const std::st
     if (format) header.magick(format);
     header.ping(blob);
     const int64_t columns = header.columns(), rows = header.rows();
-    if (columns < 1 || rows < 1 || columns * rows > kMaxImagePixels) {
+    if (!SizeWithin(kMaxImagePixels, {columns, rows})) {
       error = path + ": an image of " + std::to_string(columns) + " x " + std::to_string(rows) +
               " pixels is outside the accepted 1 to " + std::to_string(kMaxImagePixels) + " pixels";
       return false;
@@ -137,7 +138,11 @@ bool Read(std::string_view bytes, const std::string& path, LoadedImage& out, std
     out = LoadedImage{};
     out.iccProfile = Profile(image, "ICC");
     out.exif = ExifFromApp1(Profile(image, "EXIF"));
-    if (out.exif.empty() && image.magick() == "PNG") out.exif = FindPngChunk(bytes, "eXIf");
+    out.xmp = Profile(image, "XMP");
+    // JPEG's APP13 comes as Photoshop's resource list; the IPTC records are one resource.
+    out.iptc = Profile(image, "IPTC");
+    if (std::string_view(out.iptc).starts_with("8BIM"))
+      out.iptc = PhotoshopResource(out.iptc, kPhotoshopIptcResource);
     if (image.colorSpace() == Magick::CMYKColorspace) {
       image.colorSpace(Magick::RGBColorspace);
       out.iccProfile.clear();  // it described the CMYK samples, not the RGB ones
@@ -208,18 +213,24 @@ bool Encode(const LoadedImage& image, ImageFileType type, SampleDepth depth, int
     out.type(writeGrey ? (alpha ? Magick::GrayscaleMatteType : Magick::GrayscaleType)
                        : (alpha ? Magick::TrueColorMatteType : Magick::TrueColorType));
     out.depth(depth == SampleDepth::k16 ? 16 : 8);
-    SetProfile(out, "ICC", image.iccProfile);
+    // PNG's chunks are added below: GraphicsMagick would write the profiles as text chunks.
+    if (type != ImageFileType::kPng) SetProfile(out, "ICC", image.iccProfile);
     const char* format = "PNG";
     switch (type) {
       case ImageFileType::kJpeg:
         format = "JPEG";
         out.quality(quality);
         SetProfile(out, "EXIF", image.exif.empty() ? "" : ExifToApp1(image.exif));
+        SetProfile(out, "XMP", image.xmp);
+        SetProfile(
+            out, "IPTC",
+            image.iptc.empty() ? "" : PhotoshopResourceBlock(kPhotoshopIptcResource, image.iptc));
         break;
       case ImageFileType::kWebp:
         format = "WEBP";
         out.quality(quality);
         SetProfile(out, "EXIF", image.exif);
+        SetProfile(out, "XMP", image.xmp);
         break;
       case ImageFileType::kBmp:
         format = "BMP";
@@ -242,9 +253,12 @@ bool Encode(const LoadedImage& image, ImageFileType type, SampleDepth depth, int
     Magick::Blob blob;
     out.write(&blob);
     bytes.assign(static_cast<const char*>(blob.data()), blob.length());
-    // GraphicsMagick writes no EXIF to PNG: the eXIf chunk is added here.
-    if (type == ImageFileType::kPng && !image.exif.empty()) {
-      bytes = InsertPngChunk(bytes, "eXIf", image.exif);
+    // The standard chunks: iCCP (before PLTE and IDAT), eXIf, and XMP's iTXt.
+    if (type == ImageFileType::kPng) {
+      if (!image.iccProfile.empty())
+        bytes = InsertPngChunkAfterHeader(bytes, "iCCP", IccpChunk(image.iccProfile));
+      if (!image.exif.empty()) bytes = InsertPngChunk(bytes, "eXIf", image.exif);
+      if (!image.xmp.empty()) bytes = InsertPngChunk(bytes, "iTXt", XmpItxtChunk(image.xmp));
     }
     return true;
   } catch (const std::exception& e) {

@@ -35,7 +35,7 @@ struct MagickModule {
   // "BMP3").
   bool (*encodeContainer)(const uint8_t* rgb, int32_t width, int32_t height, const char* format,
                           std::string& bytes, std::string& error);
-  // ReadImageFile's decoding of everything but floating-point TIFF (metadata included, the
+  // ReadImageFile's decoding of everything but TIFF and PNG (metadata included, the
   // orientation not yet applied).
   bool (*read)(std::string_view bytes, const std::string& path, LoadedImage& out,
                std::string& error);

@@ -12,6 +12,8 @@
 #include <vector>
 
 #include "image/file_bytes.h"
+#include "image/image_metadata.h"
+#include "image/size_check.h"
 
 namespace marlith {
 namespace {
@@ -61,8 +63,10 @@ bool ReadPngSize(const std::string& path, int32_t& width, int32_t& height) {
 bool DecodePng8(const std::string& bytes, int64_t maxPixels, int32_t& width, int32_t& height,
                 bool& grey, std::vector<uint8_t>& rgb) {
   if (!std::string_view(bytes).starts_with(kSignature)) return false;
+  std::string withoutText;
+  const std::string& png = WithoutPngTextChunks(bytes, withoutText) ? withoutText : bytes;
   Context context(spng_ctx_new(0));
-  if (!context || spng_set_png_buffer(context.get(), bytes.data(), bytes.size()) != 0) {
+  if (!context || spng_set_png_buffer(context.get(), png.data(), png.size()) != 0) {
     return false;
   }
   spng_ihdr header{};
@@ -70,7 +74,7 @@ bool DecodePng8(const std::string& bytes, int64_t maxPixels, int32_t& width, int
   grey = header.color_type == SPNG_COLOR_TYPE_GRAYSCALE;
   if ((!grey && header.color_type != SPNG_COLOR_TYPE_TRUECOLOR) || header.bit_depth != 8)
     return false;
-  if (static_cast<int64_t>(header.width) * header.height > maxPixels) return false;
+  if (!SizeWithin(maxPixels, {header.width, header.height})) return false;
   spng_trns transparency{};
   if (spng_get_trns(context.get(), &transparency) != SPNG_ECHUNKAVAIL) return false;
   size_t size = 0;
@@ -81,6 +85,78 @@ bool DecodePng8(const std::string& bytes, int64_t maxPixels, int32_t& width, int
   if (spng_decode_chunks(context.get()) != 0) return false;
   width = static_cast<int32_t>(header.width);
   height = static_cast<int32_t>(header.height);
+  return true;
+}
+
+bool DecodePngImage(std::string_view bytes, const std::string& path, int64_t maxPixels,
+                    LoadedImage& out, std::string& error) {
+  std::string withoutText;
+  const std::string_view png = WithoutPngTextChunks(bytes, withoutText) ? withoutText : bytes;
+  Context context(spng_ctx_new(0));
+  if (!context) {
+    error = path + ": cannot start the PNG decoder";
+    return false;
+  }
+  // A damaged ancillary chunk is left out, as libpng does; a damaged critical one fails.
+  spng_set_crc_action(context.get(), SPNG_CRC_ERROR, SPNG_CRC_DISCARD);
+  spng_ihdr header{};
+  int status = spng_set_png_buffer(context.get(), png.data(), png.size());
+  if (status == 0) status = spng_get_ihdr(context.get(), &header);
+  if (status == 0 && !SizeWithin(maxPixels, {header.width, header.height})) {
+    error = path + ": an image of " + std::to_string(header.width) + " x " +
+            std::to_string(header.height) + " pixels is outside the accepted 1 to " +
+            std::to_string(maxPixels) + " pixels";
+    return false;
+  }
+  spng_trns transparency{};
+  const bool hasTransparency = status == 0 && spng_get_trns(context.get(), &transparency) == 0;
+  spng_plte palette{};
+  bool grey = header.color_type == SPNG_COLOR_TYPE_GRAYSCALE ||
+              header.color_type == SPNG_COLOR_TYPE_GRAYSCALE_ALPHA;
+  if (status == 0 && header.color_type == SPNG_COLOR_TYPE_INDEXED) {
+    status = spng_get_plte(context.get(), &palette);
+    grey = status == 0;
+    for (uint32_t i = 0; i < palette.n_entries; ++i) {
+      const spng_plte_entry& e = palette.entries[i];
+      grey = grey && e.red == e.green && e.green == e.blue;
+    }
+  }
+  size_t size = 0;
+  if (status == 0) status = spng_decoded_image_size(context.get(), SPNG_FMT_RGBA16, &size);
+  std::vector<uint16_t> rgba;
+  if (status == 0) {
+    rgba.resize(size / 2);
+    status = spng_decode_image(context.get(), rgba.data(), size, SPNG_FMT_RGBA16, SPNG_DECODE_TRNS);
+  }
+  if (status == 0) status = spng_decode_chunks(context.get());
+  if (status != 0) {
+    error = path + ": not a readable PNG file (" + spng_strerror(status) + ")";
+    return false;
+  }
+  out = LoadedImage{};
+  out.width = static_cast<int>(header.width);
+  out.height = static_cast<int>(header.height);
+  out.colourChannels = grey ? 1 : 3;
+  out.hasAlpha = hasTransparency || header.color_type == SPNG_COLOR_TYPE_GRAYSCALE_ALPHA ||
+                 header.color_type == SPNG_COLOR_TYPE_TRUECOLOR_ALPHA;
+  out.depth = header.bit_depth == 16 ? SampleDepth::k16 : SampleDepth::k8;
+  const size_t planeSize = size_t(out.width) * out.height;
+  out.planes.resize(planeSize * (out.colourChannels + out.hasAlpha));
+  double* alpha = out.planes.data() + planeSize * out.colourChannels;
+  constexpr double kScale = 1.0 / 65535;
+  for (size_t i = 0; i < planeSize; ++i) {
+    const uint16_t* p = rgba.data() + 4 * i;
+    for (int c = 0; c < out.colourChannels; ++c) out.planes[c * planeSize + i] = p[c] * kScale;
+    if (out.hasAlpha) alpha[i] = p[3] * kScale;
+  }
+  out.exif = FindPngChunk(bytes, "eXIf");
+  const std::string iccp = FindPngChunk(bytes, "iCCP");
+  out.iccProfile = ProfileFromIccpChunk(iccp);
+  if (!iccp.empty() && out.iccProfile.empty()) {
+    out.warnings.push_back(path + ": its ICC profile (iCCP) is damaged or inflates past " +
+                           std::to_string(kMaxMetadataBytes >> 20) + " MiB; left out");
+  }
+  out.xmp = XmpFromPng(bytes);
   return true;
 }
 

@@ -22,24 +22,36 @@ bool LooksLikeTiff(std::string_view bytes);
 
 // What libtiff reads of the first image of a TIFF file.
 struct TiffContents {
-  // iccProfile and exif always; the size, planes, channels and depth (kFloat) only when the
-  // samples are 32- or 64-bit floats (pixelsRead), which are then returned unscaled, as stored,
-  // associated alpha divided out. Other sample kinds are left to GraphicsMagick.
+  // The pixels, converted by one table of sample types and colour spaces (see TiffLayoutOf in
+  // tiff_file.cpp): grey, RGB, palette, CMYK and YCbCr colour; unsigned integers of 1 to 16
+  // bits on the [0, 1] scale (k8, k16); 32-bit unsigned and signed integers as floating point
+  // divided by the type's largest value (unsigned to [0, 1], signed to [-1, 1]); half, single
+  // and double floats as stored (kFloat); one extra sample as alpha only when the file marks it
+  // as alpha, associated alpha divided out. The ICC profile, XMP, IPTC, and EXIF (Photoshop's
+  // EXIF resource, or else the file's own camera tags and EXIF directory).
   LoadedImage image;
-  bool pixelsRead = false;
-  int orientation = 1;  // the TIFF orientation tag, 1 to 8
+  int orientation = 1;  // the TIFF orientation tag, 1 to 8; the pixels are as stored
 };
 
 // Reads a TIFF held in memory. Throws marlith::Error naming path when libtiff cannot read it,
 // when it has more than kMaxImagePixels pixels (checked before any pixel memory is taken), or
-// when its floating-point samples come in a layout other than grey or RGB plus extra samples.
+// when its samples are of a type or colour space the table refuses: CIE L*a*b*, other colour
+// spaces than the above, other sample sizes, extra samples not marked as alpha.
 TiffContents ReadTiff(std::string_view bytes, const std::string& path);
+
+// "<path>: <reason>" when a TIFF's samples are CIE L*a*b* or signed integers, which
+// GraphicsMagick decodes wrongly (false colours, wrapped values); "" otherwise (also when
+// libtiff cannot open it at all). For the six-argument command's loader, which decodes TIFF with
+// GraphicsMagick.
+std::string TiffRefusal(std::string_view bytes, const std::string& path);
 
 // The TIFF file (Deflate-compressed strips, samples interleaved, upright) holding image as
 // 8- or 16-bit unsigned integers, rounded and clipped to [0, 1] first, or as 32-bit IEEE floats
-// unclipped. Alpha is written as an unassociated extra sample; the ICC profile and EXIF block go
-// into their tags. image must be consistent (see WriteImageFile). Throws marlith::Error naming
-// path when libtiff fails.
+// unclipped. Alpha is written as an unassociated extra sample; the ICC profile, XMP (tag 700)
+// and IPTC (tag 33723) go into their tags, the EXIF block into Photoshop's EXIF resource whole
+// and, for other programs, its camera tags into the file's own tags and its EXIF directory into
+// the file's EXIF directory (tag 34665; not in BigTIFF files). image must be consistent (see
+// WriteImageFile). Throws marlith::Error naming path when libtiff fails.
 std::string EncodeTiff(const LoadedImage& image, SampleDepth depth, const std::string& path);
 
 }  // namespace marlith

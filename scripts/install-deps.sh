@@ -7,14 +7,14 @@ set -euo pipefail
 packages=(
   build-essential cmake ninja-build pkg-config
   libfftw3-dev libopenblas-dev libsuitesparse-dev libgraphicsmagick++1-dev libspng-dev
-  libtiff-dev zlib1g-dev libjpeg-dev
+  libtiff-dev zlib1g-dev libjpeg-dev liblcms2-dev
   libgtest-dev libcli11-dev
   clang libclang-rt-14-dev
   graphicsmagick time gnuplot-nox linux-perf
   # The Python package (built and tested with Debian's python3), its Dask door and example, and
   # the offline `pip install .` route (venv, pip, setuptools and wheel from Debian).
   python3-dev python3-numpy python3-pybind11 pybind11-dev python3-pytest
-  python3-dask python3-distributed python3-zarr python3-psutil python3-pil
+  python3-dask python3-distributed python3-zarr python3-psutil python3-pil python3-tifffile
   python3-venv python3-pip python3-setuptools python3-wheel
   # The Debian package's dependencies (cpack's dpkg-shlibdeps).
   dpkg-dev

@@ -1,5 +1,6 @@
 """Shared fixtures of the Python tests. scripts/test.sh runs them with Debian's python3 and
-PYTHONPATH=build/python; --marlith-exe (or MARLITH_EXE) names the command-line executable."""
+PYTHONPATH=build/python; --marlith-exe (or MARLITH_EXE) names the command-line executable,
+--marlith-deblur (or MARLITH_DEBLUR) marlith-deblur when it is not in the same build tree."""
 
 import os
 from pathlib import Path
@@ -12,8 +13,6 @@ from PIL import Image
 # make a run on a busy machine ten times slower. Results do not depend on this. Set before
 # marlith's module (and its OpenMP runtime) is loaded; the command line inherits it.
 os.environ.setdefault("OMP_WAIT_POLICY", "passive")
-# Transform plans learnt by the tests stay in memory, out of the user's cache folder.
-os.environ.setdefault("MARLITH_FFTW_WISDOM", "off")
 
 ROOT = Path(__file__).resolve().parents[2]
 
@@ -24,6 +23,11 @@ def pytest_addoption(parser):
         default=os.environ.get("MARLITH_EXE", str(ROOT / "build" / "app" / "marlith")),
         help="the marlith command-line executable",
     )
+    parser.addoption(
+        "--marlith-deblur",
+        default=os.environ.get("MARLITH_DEBLUR"),
+        help="the marlith-deblur executable (default: beside --marlith-exe's build folder)",
+    )
 
 
 @pytest.fixture(scope="session")
@@ -31,6 +35,16 @@ def marlith_exe(request) -> Path:
     exe = Path(request.config.getoption("--marlith-exe"))
     if not exe.is_file():
         pytest.fail(f"the marlith executable {exe} is missing: build first or pass --marlith-exe")
+    return exe
+
+
+@pytest.fixture(scope="session")
+def marlith_deblur(request, marlith_exe) -> Path:
+    given = request.config.getoption("--marlith-deblur")
+    exe = Path(given) if given else marlith_exe.parent.parent / "deblur" / "marlith-deblur"
+    if not exe.is_file():
+        pytest.fail(f"the marlith-deblur executable {exe} is missing: build first or pass "
+                    "--marlith-deblur")
     return exe
 
 
