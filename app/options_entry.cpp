@@ -91,6 +91,7 @@ void marlithDefaultOptions(MarlithOptions* options) {
   options->threads = defaults.threads;
   options->progress = nullptr;
   options->progressUser = nullptr;
+  options->colorspace = static_cast<int32_t>(defaults.colorspace);
 }
 
 int32_t marlithDeconvolveImage(const MarlithImage* input, const MarlithImage* output,
@@ -112,6 +113,7 @@ int32_t marlithDeconvolveImage(const MarlithImage* input, const MarlithImage* ou
     opts.kernelOrigin = Choice<marlith::KernelOrigin>(o.kernelOrigin, 1, "kernel origin");
     opts.refineKernel = o.refineKernel != 0;
     opts.threads = o.threads;
+    opts.colorspace = Choice<marlith::Colorspace>(o.colorspace, 1, "colorspace");
     if (o.progress) {
       opts.progress = [&o](std::string_view phase, double fraction) {
         const std::string name(phase);

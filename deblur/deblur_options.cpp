@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cmath>
 #include <limits>
+#include <sstream>
 #include <string_view>
 
 namespace marlith {
@@ -77,10 +78,13 @@ T ParseChoice(const std::string& option, const std::string& text, const Choice<T
 }
 
 constexpr Choice<Boundary> kBoundaries[] = {{"smooth", Boundary::kSmooth},
-                                            {"periodic", Boundary::kPeriodic}};
+                                            {"periodic", Boundary::kPeriodic},
+                                            {"unknown", Boundary::kUnknown}};
 constexpr Choice<Margins> kMargins[] = {{"fast", Margins::kFast}, {"exact", Margins::kExact}};
 constexpr Choice<KernelOrigin> kOrigins[] = {{"center", KernelOrigin::kCenter},
                                              {"support", KernelOrigin::kSupport}};
+constexpr Choice<std::optional<Colorspace>> kColorspaces[] = {
+    {"auto", std::nullopt}, {"linear", Colorspace::kLinear}, {"srgb", Colorspace::kSrgb}};
 constexpr Choice<DepthChoice> kDepths[] = {{"same", DepthChoice::kSame},
                                            {"8", DepthChoice::k8},
                                            {"16", DepthChoice::k16},
@@ -96,8 +100,8 @@ const char* NameOf(T value, const Choice<T> (&choices)[N]) {
 // The option strings as typed; empty when not given.
 struct RawOptions {
   std::string kernel, output, format, noise, boundary, margins, origin, threads, jobs, depth,
-      jpegQuality;
-  bool refine = false, quiet = false, verbose = false, progress = false;
+      jpegQuality, colorspace;
+  bool refine = false, quiet = false, verbose = false, progress = false, skipExisting = false;
   std::vector<std::string> inputs;
 };
 
@@ -115,6 +119,7 @@ void DefineOptions(CLI::App& app, RawOptions& raw) {
   app.add_option("-b,--boundary", raw.boundary);
   app.add_option("-m,--margins", raw.margins);
   app.add_option("--kernel-origin", raw.origin);
+  app.add_option("--colorspace", raw.colorspace);
   app.add_flag("-r,--refine-kernel", raw.refine);
   app.add_option("-t,--threads", raw.threads);
   app.add_option("-j,--jobs", raw.jobs);
@@ -123,20 +128,46 @@ void DefineOptions(CLI::App& app, RawOptions& raw) {
   app.add_flag("-q,--quiet", raw.quiet);
   app.add_flag("-v,--verbose", raw.verbose);
   app.add_flag("--progress", raw.progress);
+  app.add_flag("--skip-existing", raw.skipExisting);
   app.add_option("images", raw.inputs)->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
 }
 
-// CLI11's own words for a parse failure, made to read like the rest.
+// A parse failure in the command's own words (CLI11's speak of "1 required TEXT missing").
 std::string DescribeParseError(const CLI::ParseError& e) {
   std::string message = e.what();
   if (const size_t newline = message.find('\n'); newline != std::string::npos)
     message.resize(newline);
-  if (e.get_name() == "ExtrasError") {
+  const std::string kind = e.get_name();
+  if (kind == "ExtrasError") {
     const std::string prefix = "The following argument was not expected: ";
     if (message.rfind(prefix, 0) == 0) return "unknown option " + message.substr(prefix.size());
     return "unknown options: " + message.substr(message.find(':') + 2);
   }
-  return message;
+  // CLI11 names the option at fault as its first word starting with '-' ("--kernel: 1 required
+  // TEXT missing", "Could not convert: --quiet = x").
+  std::string option;
+  std::istringstream words(message);
+  for (std::string word; option.empty() && words >> word;)
+    if (word.starts_with("-")) option = word.substr(0, word.find_first_of(":,"));
+  if (kind == "ArgumentMismatch" && !option.empty())
+    return option + ": the value is missing (give it after the option)";
+  if (kind == "ConversionError" && !option.empty()) return option + " takes no value";
+  return "cannot read the command line: " + message;
+}
+
+// A long option's value attached with '=' and empty ("--output="): refused here, since CLI11
+// would take the next argument as the value instead (and a slip would write one image's result
+// over another). Options not defined are left to CLI11, which calls them unknown.
+void RefuseEmptyAttachedValues(int argc, const char* const* argv, const CLI::App& app) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view arg = argv[i];
+    if (arg == "--") return;
+    const size_t equals = arg.find('=');
+    if (!arg.starts_with("--") || equals == std::string_view::npos || equals + 1 != arg.size())
+      continue;
+    const std::string name(arg.substr(0, equals));
+    if (app.get_option_no_throw(name)) Refuse(name, "the value after '=' is empty");
+  }
 }
 
 DeblurSettings Check(const RawOptions& raw, const CLI::App& app) {
@@ -164,6 +195,7 @@ DeblurSettings Check(const RawOptions& raw, const CLI::App& app) {
                                 ? KernelOrigin::kCenter
                                 : ParseChoice("--kernel-origin", raw.origin, kOrigins);
   }
+  if (was("--colorspace")) s.colorspace = ParseChoice("--colorspace", raw.colorspace, kColorspaces);
   s.engine.refineKernel = raw.refine;
   if (was("--threads")) s.engine.threads = ParseInteger("--threads", raw.threads, 0, 4096);
   if (was("--jobs")) s.jobs = ParseInteger("--jobs", raw.jobs, 1, 4096);
@@ -175,6 +207,7 @@ DeblurSettings Check(const RawOptions& raw, const CLI::App& app) {
                 : raw.verbose ? Verbosity::kVerbose
                               : Verbosity::kNormal;
   s.forceProgress = raw.progress;
+  s.skipExisting = raw.skipExisting;
   if (raw.quiet && raw.progress) throw UsageError{"--quiet and --progress contradict each other"};
   // Said last: a value an option took by mistake can leave the images empty.
   if (!was("--kernel")) throw UsageError{"no kernel given (-k FILE)"};
@@ -199,6 +232,7 @@ ParsedCommandLine ParseDeblurCommandLine(int argc, const char* const* argv) {
   RawOptions raw;
   try {
     DefineOptions(app, raw);
+    RefuseEmptyAttachedValues(argc, argv, app);
     app.parse(argc, argv);
     result.settings = Check(raw, app);
     result.action = ParsedCommandLine::Action::kRun;
@@ -240,9 +274,11 @@ std::string DeblurHelpText() {
              "                             from each image [") +
          noise +
          "]\n"
-         "  -b, --boundary smooth|periodic\n"
-         "                             smooth margins for photographs, or the image taken\n"
-         "                             as periodic (circularly blurred test images) [" +
+         "  -b, --boundary smooth|periodic|unknown\n"
+         "                             smooth margins for photographs, the image taken\n"
+         "                             as periodic (circularly blurred test images), or\n"
+         "                             the blur reaching past the frame, whose margin is\n"
+         "                             restored unobserved [" +
          NameOf(d.boundary, kBoundaries) +
          "]\n"
          "  -m, --margins fast|exact   smooth margins widened to fast transform sizes and\n"
@@ -253,6 +289,13 @@ std::string DeblurHelpText() {
          "                             the kernel array's centre sample is its origin, or\n"
          "                             its drawn support is centred [" +
          NameOf(d.kernelOrigin, kOrigins) +
+         "]\n"
+         "      --colorspace auto|linear|srgb\n"
+         "                             how the samples encode light: restored in linear\n"
+         "                             light, then encoded back; auto: as the file says\n"
+         "                             (ICC profile, PNG chunks; floating point: linear;\n"
+         "                             else sRGB) [" +
+         NameOf(s.colorspace, kColorspaces) +
          "]\n"
          "  -r, --refine-kernel        re-estimate the kernel from a first restoration and\n"
          "                             restore again with it [" +
@@ -273,6 +316,8 @@ std::string DeblurHelpText() {
          "      --jpeg-quality N       JPEG and WebP quality, 1 to 100 [" +
          std::to_string(s.jpegQuality) +
          "]\n"
+         "      --skip-existing        leave out images whose result file exists already\n"
+         "                             (to go on with a batch that was stopped)\n"
          "  -q, --quiet                print errors only\n"
          "  -v, --verbose              print each image's size, noise level and strength,\n"
          "                             and the time of each phase\n"

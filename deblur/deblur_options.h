@@ -27,11 +27,15 @@ struct DeblurSettings {
   std::string format;
   // The engine's options, defaults from the API's record; progress is left empty here.
   DeconvolveOptions engine;
+  // --colorspace: how the samples encode light, for every image; empty (auto): what each file
+  // says (image/tone_curve.h), which then sets engine.colorspace and engine.toneCurve.
+  std::optional<Colorspace> colorspace;
   DepthChoice depth = DepthChoice::kSame;
   int jpegQuality = 95;
   int jobs = 1;
   Verbosity verbosity = Verbosity::kNormal;
   bool forceProgress = false;  // --progress: even when standard error is not a terminal
+  bool skipExisting = false;   // --skip-existing: images whose output exists are left out
 };
 
 // What the command line asks for.

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <new>
 #include <thread>
 
@@ -63,6 +64,7 @@ std::vector<std::string> Describe(const PlannedImage& plan, const RestoredImage&
   lines.push_back(name + std::to_string(r.width) + " x " + std::to_string(r.height) + ", " +
                   (r.colourChannels == 1 ? "grey" : "colour") + (r.hasAlpha ? " and alpha" : "") +
                   ", " + SampleDepthWords(r.inputDepth) + " samples");
+  lines.push_back(name + "tone curve " + r.light);
   if (s.engine.noise) {
     lines.push_back(name + "noise strength " + Number(r.report.noiseStrength) + " (given)");
   } else {
@@ -98,6 +100,19 @@ int RunDeblur(const DeblurSettings& s, const std::atomic<int>& interrupt) {
   } catch (const Error& e) {
     std::fprintf(stderr, "%s%s\n", kProgram, e.what());
     return kExitFailure;
+  }
+
+  if (s.skipExisting) {
+    // A result is written whole or not at all, so one that exists is a finished one.
+    std::erase_if(plan, [&](const PlannedImage& p) {
+      std::error_code ignored;
+      if (!std::filesystem::exists(p.output, ignored)) return false;
+      if (s.verbosity == Verbosity::kVerbose)
+        std::fprintf(stderr, "%s%s: skipped, %s exists\n", kProgram, p.input.c_str(),
+                     p.output.c_str());
+      return true;
+    });
+    if (plan.empty()) return kExitSuccess;
   }
 
   KernelFile kernel;

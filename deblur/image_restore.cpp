@@ -76,6 +76,9 @@ RestoredImage RestoreImage(const PlannedImage& plan, const KernelFile& kernel,
 
   report("reading", 0.0);
   LoadedImage image = ReadImageFile(plan.input);
+  // What reading passed over, and what the output's type will leave out.
+  result.warnings = std::move(image.warnings);
+  for (std::string& w : OutputWarnings(plan.output, image)) result.warnings.push_back(std::move(w));
   result.width = image.width;
   result.height = image.height;
   result.colourChannels = image.colourChannels;
@@ -103,6 +106,13 @@ RestoredImage RestoreImage(const PlannedImage& plan, const KernelFile& kernel,
   const ImageView colour =
       ImageView::Planar(image.planes.data(), image.width, image.height, image.colourChannels);
   DeconvolveOptions options = settings.engine;
+  // The blur happened in linear light: the samples are linearised through their curve.
+  const ToneCurve curve = settings.colorspace
+                              ? ChosenToneCurve(*settings.colorspace, "--colorspace")
+                              : ImageToneCurve(image);
+  ApplyToneCurve(curve, options);
+  result.light = curve.description;
+  if (!curve.warning.empty()) result.warnings.push_back(plan.input + ": " + curve.warning);
   options.threads = threads;
   report("preparation", kReadShare);
   options.progress = [&](std::string_view phase, double fraction) {

@@ -11,6 +11,7 @@
 #include "deblur/output_plan.h"
 #include "image/image_io.h"
 #include "image/kernel_file.h"
+#include "image/tone_curve.h"
 #include "marlith/deconvolve.hpp"
 
 namespace marlith {
@@ -26,6 +27,7 @@ struct RestoredImage {
   bool hasAlpha = false;
   SampleDepth inputDepth = SampleDepth::k8, outputDepth = SampleDepth::k8;
   DeconvolveReport report;
+  std::string light;  // the tone curve the image was restored through (ToneCurve::description)
   std::vector<std::pair<std::string, double>> phaseSeconds;  // in the order they ran
   std::vector<std::string> warnings;
 };

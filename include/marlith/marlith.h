@@ -60,6 +60,8 @@ typedef struct MarlithImage {
 #define MARLITH_MARGINS_FAST 1
 #define MARLITH_ORIGIN_CENTER 0
 #define MARLITH_ORIGIN_SUPPORT 1
+#define MARLITH_COLORSPACE_LINEAR 0 /* the samples are proportional to light, or are data */
+#define MARLITH_COLORSPACE_SRGB 1   /* linearised with the sRGB curve, restored, encoded back */
 
 /* Receives the phase running and the fraction of the run done (0 to 1), at most about 100
  * times a second; a non-zero return cancels the run (MARLITH_CANCELLED). */
@@ -79,6 +81,7 @@ typedef struct MarlithOptions {
   int32_t threads;        /* 0 (default): every core */
   MarlithProgress progress; /* may be NULL (default) */
   void* progressUser;       /* handed to progress */
+  int32_t colorspace;       /* how the samples encode light; default MARLITH_COLORSPACE_LINEAR */
 } MarlithOptions;
 
 /* What a run used. size as in MarlithOptions. When kernel is not NULL and kernelCapacity is at

@@ -137,6 +137,7 @@ def deconvolve(
     margins: Literal["fast", "exact"] = _DEFAULTS["margins"],
     kernel_origin: Literal["center", "support"] = _DEFAULTS["kernel_origin"],
     refine_kernel: bool = _DEFAULTS["refine_kernel"],
+    colorspace: Literal["linear", "srgb"] = _DEFAULTS["colorspace"],
     threads: int | None = _DEFAULTS["threads"],
     progress: bool | ProgressCallable = False,
 ) -> np.ndarray:
@@ -168,6 +169,11 @@ def deconvolve(
         is centred, as the command line does.
     refine_kernel : bool, optional
         Re-estimate the kernel from a first solve and deconvolve with the refined kernel.
+    colorspace : {"linear", "srgb"}, optional
+        How the samples encode light. "linear" (the default: an array's values are data)
+        restores them as they are; "srgb" linearises them with the sRGB curve, restores
+        them in linear light (where the blur happened) and encodes the result back. Use
+        "srgb" for photographs read from 8- or 16-bit files.
     threads : int or None, optional
         Threads for the engine; None uses every core.
     progress : bool or callable, optional
@@ -210,6 +216,7 @@ def deconvolve(
         margins=margins,
         kernel_origin=kernel_origin,
         refine_kernel=bool(refine_kernel),
+        colorspace=colorspace,
         threads=_threads_option(threads),
     )
     if progress is True:

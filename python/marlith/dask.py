@@ -125,11 +125,11 @@ def deconvolve(array: da.Array, kernel, *, overlap: int | None = None, **options
         merged with their neighbours.
     **options
         The options of :func:`marlith.deconvolve`: ``noise``, ``boundary``, ``margins``,
-        ``kernel_origin`` and ``threads`` (per chunk; 1 by default here, since dask restores
-        chunks in parallel). ``noise="auto"`` (the default) estimates the strength once, on
-        the array's central square of at most ``NOISE_SAMPLE_SIZE`` samples a side, and every
-        chunk uses it. ``refine_kernel`` and ``progress`` apply to whole images only (dask's
-        diagnostics show progress).
+        ``kernel_origin``, ``colorspace`` and ``threads`` (per chunk; 1 by default here, since
+        dask restores chunks in parallel). ``noise="auto"`` (the default) estimates the
+        strength once, on the array's central square of at most ``NOISE_SAMPLE_SIZE`` samples
+        a side, and every chunk uses it. ``refine_kernel`` and ``progress`` apply to whole
+        images only (dask's diagnostics show progress).
 
     Returns
     -------

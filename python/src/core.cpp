@@ -21,9 +21,10 @@ namespace py = pybind11;
 namespace {
 
 // The option words Python uses for the library's enumerations, in the enumerations' order.
-constexpr std::array<const char*, 2> kBoundaryWords{"periodic", "smooth"};
+constexpr std::array<const char*, 3> kBoundaryWords{"periodic", "smooth", "unknown"};
 constexpr std::array<const char*, 2> kMarginsWords{"exact", "fast"};
 constexpr std::array<const char*, 2> kOriginWords{"center", "support"};
+constexpr std::array<const char*, 2> kColorspaceWords{"linear", "srgb"};
 
 template <typename Enum, std::size_t N>
 Enum Choice(const std::string& word, const std::array<const char*, N>& words, const char* name) {
@@ -134,7 +135,7 @@ marlith::ProgressCallback Progress(const py::object& callable, PendingError& pen
 void Deconvolve(const py::array& image, const py::array_t<double, py::array::c_style>& kernel,
                 const py::array& output, std::optional<double> noise, const std::string& boundary,
                 const std::string& margins, const std::string& kernelOrigin, bool refineKernel,
-                int32_t threads, const py::object& progress) {
+                int32_t threads, const py::object& progress, const std::string& colorspace) {
   const auto in = ViewOf<marlith::ConstImageView>(image, false);
   const auto out = ViewOf<marlith::ImageView>(output, true);
   if (kernel.ndim() != 2) throw py::type_error("the kernel must be 2-D");
@@ -150,6 +151,7 @@ void Deconvolve(const py::array& image, const py::array_t<double, py::array::c_s
   options.margins = Choice<marlith::Margins>(margins, kMarginsWords, "margins");
   options.kernelOrigin = Choice<marlith::KernelOrigin>(kernelOrigin, kOriginWords, "kernel_origin");
   options.refineKernel = refineKernel;
+  options.colorspace = Choice<marlith::Colorspace>(colorspace, kColorspaceWords, "colorspace");
   options.threads = threads;
   PendingError pending;
   options.progress = Progress(progress, pending);
@@ -181,6 +183,7 @@ py::dict DefaultOptions() {
   d["margins"] = Word(defaults.margins, kMarginsWords);
   d["kernel_origin"] = Word(defaults.kernelOrigin, kOriginWords);
   d["refine_kernel"] = defaults.refineKernel;
+  d["colorspace"] = Word(defaults.colorspace, kColorspaceWords);
   // The library's 0 ("every core") is None in Python.
   d["threads"] = defaults.threads == 0 ? py::none() : py::cast(defaults.threads);
   return d;
@@ -201,7 +204,7 @@ PYBIND11_MODULE(_core, m) {
   });
   m.def("deconvolve", &Deconvolve, py::arg("image"), py::arg("kernel"), py::arg("output"),
         py::arg("noise"), py::arg("boundary"), py::arg("margins"), py::arg("kernel_origin"),
-        py::arg("refine_kernel"), py::arg("threads"), py::arg("progress"));
+        py::arg("refine_kernel"), py::arg("threads"), py::arg("progress"), py::arg("colorspace"));
   m.def("estimate_noise", &EstimateNoise, py::arg("image"));
   m.def("default_options", &DefaultOptions);
   m.attr("__version__") = MARLITH_VERSION;

@@ -12,6 +12,7 @@
 
 #include "image/image_io.h"
 #include "image/kernel_file.h"
+#include "image/tone_curve.h"
 #include "marlith/deconvolve.hpp"
 #include "support/test_support.h"
 
@@ -71,6 +72,7 @@ TEST(DeblurCommand, AnswersHelpAndVersionAndRefusesBeforeTheRun) {
       {{"-k", "k.png", "--noise", "1%", "in.png"}, 2, "--noise: '1%'"},
       {{"-k", "k.png", "--threads", "smooth", "in.png"}, 2, "--threads: 'smooth'"},
       {{"-k", "k.png", "--boundary", "1", "in.png"}, 2, "--boundary: '1' is not one of smooth"},
+      {{"-k", "k.png", "--colorspace", "sRGB", "in.png"}, 2, "--colorspace: 'sRGB' is not one of"},
       {{"-k", "k.png", "--bogus", "in.png"}, 2, "--bogus"},
       {{"-k", "k.png", "in.png", "--jpeg-quality"}, 2, "--jpeg-quality"},
       {{"-k", "k.png", "-o", "in.png", "in.png"}, 2, "over the image"},
@@ -103,7 +105,7 @@ TEST(DeblurCommand, AnswersHelpAndVersionAndRefusesBeforeTheRun) {
 TEST(DeblurCommand, RestoresEachKindOfImageAsTheApiDoesKeepingWhatTheFileHolds) {
   Files f;
   const KernelFile k = ReadKernelFile("k.png");
-  const std::string icc = IccProfile(), exif = ExifBlock(1);
+  const std::string icc = CurvesIccProfile({2.2, 2.2, 2.2}), exif = ExifBlock(1);
   struct Row {
     std::string in;
     int channels;  // 1 grey, 2 grey and alpha, 3 RGB, 4 RGBA
@@ -119,7 +121,14 @@ TEST(DeblurCommand, RestoresEachKindOfImageAsTheApiDoesKeepingWhatTheFileHolds) 
       {"g16.png", 1, k16, {}, "g.jpg", k8, "JPEG cannot hold 16-bit"},
       {"f.tif", 1, kFloat, {"--quiet"}, "fq.png", k16, ""},
       {"f.tif", 1, kFloat, {"--progress"}, "of.tif", kFloat, "deconvolution;100 %;writing"},
-      {"rgba.png", 4, k8, {"-v"}, "o.png", k8, "64 x 48, colour and alpha;noise level;s in all"},
+      {"rgba.png",
+       4,
+       k8,
+       {"-v"},
+       "o.png",
+       k8,
+       "64 x 48, colour and alpha;tone curve like gamma 2.2 (the ICC profile's;noise level;s in "
+       "all"},
       {"ga.png", 2, k8, {"-d", "16"}, "ga16.png", k16, ""},
       {"in.jpg", 3, k8, {}, "o.jpg", k8, ""},
   };
@@ -140,6 +149,7 @@ TEST(DeblurCommand, RestoresEachKindOfImageAsTheApiDoesKeepingWhatTheFileHolds) 
     std::vector<double> reference = in.planes;
     DeconvolveOptions options;
     if (!row.args.empty() && row.args[0] == "--noise") options.noise = std::stod(row.args[1]);
+    ApplyToneCurve(ImageToneCurve(in), options);
     Deconvolve(ConstImageView::Planar(in.planes.data(), 64, 48, colours),
                {k.values, k.width, k.height}, ImageView::Planar(reference.data(), 64, 48, colours),
                options);

@@ -30,26 +30,30 @@ TEST(DeblurOptions, MapsEveryOptionOntoTheSettings) {
   const std::vector<Row> rows = {
       {"--kernel=k.npy --output o.tif --noise 0.05 --boundary periodic --margins=exact "
        "--kernel-origin support --refine-kernel --threads 3 --depth float --jpeg-quality 80 "
-       "--jobs 2 --verbose a.tif",
+       "--jobs 2 --verbose --colorspace linear a.tif",
        [](const DeblurSettings& s) {
          return s.kernelPath == "k.npy" && s.output == "o.tif" && s.engine.noise == 0.05 &&
                 s.engine.boundary == Boundary::kPeriodic && s.engine.margins == Margins::kExact &&
                 s.engine.kernelOrigin == KernelOrigin::kSupport && s.engine.refineKernel &&
                 s.engine.threads == 3 && s.depth == DepthChoice::kFloat && s.jpegQuality == 80 &&
-                s.jobs == 2 && s.verbosity == Verbosity::kVerbose;
+                s.jobs == 2 && s.verbosity == Verbosity::kVerbose &&
+                s.colorspace == Colorspace::kLinear;
        }},
       // Short forms, bundled flags, attached values, the last of a repeated option.
-      {"-qrk k.csv -n0.2 -n auto -d8 -j 4 -t8 -f .tif a b",
+      {"-qrk k.csv -n0.2 -n auto -d8 -j 4 -t8 -f .tif --colorspace=srgb a b",
        [](const DeblurSettings& s) {
          return s.kernelPath == "k.csv" && !s.engine.noise && s.engine.refineKernel &&
                 s.depth == DepthChoice::k8 && s.jobs == 4 && s.engine.threads == 8 &&
-                s.format == "tif" && s.verbosity == Verbosity::kQuiet && s.inputs.size() == 2;
+                s.format == "tif" && s.verbosity == Verbosity::kQuiet && s.inputs.size() == 2 &&
+                s.colorspace == Colorspace::kSrgb;
        }},
       // "--" ends the options: what follows is an image even when it starts with '-'.
-      {"-k k.png --noise 0 --kernel-origin centre -- -odd.png --noise",
+      {"-k k.png --noise 0 --kernel-origin centre --colorspace srgb --colorspace auto -- -odd.png "
+       "--noise",
        [](const DeblurSettings& s) {
          return s.inputs == std::vector<std::string>{"-odd.png", "--noise"} &&
-                s.engine.noise == 0.0 && s.engine.kernelOrigin == KernelOrigin::kCenter;
+                s.engine.noise == 0.0 && s.engine.kernelOrigin == KernelOrigin::kCenter &&
+                !s.colorspace;
        }},
   };
   for (const Row& row : rows) {

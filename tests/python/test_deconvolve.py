@@ -102,6 +102,7 @@ BAD = [
     (dict(noise="loud"), ValueError, "'auto' or a number, not 'loud'"),
     (dict(noise=[0.1]), TypeError, "'auto' or a number, not list"),
     (dict(boundary="wavy"), ValueError, "the boundary option has no value 'wavy'"),
+    (dict(colorspace="sRGB"), ValueError, "the colorspace option has no value 'sRGB'"),
     (dict(threads=1.5), TypeError, "None .* or an integer, not float"),
     (dict(progress="yes"), TypeError, "progress is True, False or a callable"),
 ]
@@ -145,3 +146,14 @@ def test_version_and_docstring_examples():
     cmake = (ROOT / "CMakeLists.txt").read_text()
     assert f"VERSION {marlith.__version__} " in cmake
     assert doctest.testmod(marlith).failed == 0
+
+
+def test_arrays_are_data_unless_said_to_be_srgb():
+    import inspect
+
+    assert inspect.signature(marlith.deconvolve).parameters["colorspace"].default == "linear"
+    flat = np.full((32, 32, 3), 128, np.uint8)
+    for colorspace in ("linear", "srgb"):
+        # A flat image is its own restoration through any tone curve.
+        out = marlith.deconvolve(flat, np.ones((3, 3)), noise=0.1, colorspace=colorspace)
+        assert np.abs(out.astype(int) - 128).max() <= 1, colorspace

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <lcms2.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -101,6 +102,29 @@ std::string IccProfile() {
   // Its size, version 2.1, class, colour space and connection space, then "acsp" at 36.
   return std::string("\0\0\0\x84\0\0\0\0\x02\x10\0\0mntrRGB XYZ ", 24) + std::string(12, '\0') +
          "acsp" + std::string(92, '\0');
+}
+
+std::string CurvesIccProfile(std::array<double, 3> gammas, bool grey) {
+  // IEC 61966-2.1's curve as ICC parametric type 4: (a x + b)^g above d, c x below.
+  const double iec[5] = {2.4, 1 / 1.055, 0.055 / 1.055, 1 / 12.92, 0.04045};
+  cmsToneCurve* curves[3];
+  for (int c = 0; c < 3; ++c)
+    curves[c] = gammas[c] > 0 ? cmsBuildGamma(nullptr, gammas[c])
+                              : cmsBuildParametricToneCurve(nullptr, 4, iec);
+  cmsCIExyY white;
+  cmsWhitePointFromTemp(&white, 6504);
+  const cmsCIExyYTRIPLE primaries{{0.64, 0.33, 1}, {0.30, 0.60, 1}, {0.15, 0.06, 1}};
+  const bool srgb = !grey && gammas == std::array<double, 3>{0, 0, 0};
+  cmsHPROFILE profile = srgb   ? cmsCreate_sRGBProfile()
+                        : grey ? cmsCreateGrayProfile(&white, curves[1])
+                               : cmsCreateRGBProfile(&white, &primaries, curves);
+  cmsUInt32Number size = 0;
+  cmsSaveProfileToMem(profile, nullptr, &size);
+  std::string bytes(size, '\0');
+  cmsSaveProfileToMem(profile, bytes.data(), &size);
+  cmsCloseProfile(profile);
+  for (cmsToneCurve* curve : curves) cmsFreeToneCurve(curve);
+  return bytes;
 }
 
 std::string PngStream(const std::vector<std::pair<std::string, std::string>>& chunks) {

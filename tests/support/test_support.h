@@ -1,6 +1,7 @@
 // Helpers shared by the test executables.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -67,6 +68,10 @@ void ExpectRefused(const std::function<void()>& act, const std::string& file,
 std::string ExifBlock(int orientation);
 // A minimal well-formed RGB display ICC profile: the 128-byte header and an empty tag table.
 std::string IccProfile();
+// An ICC display profile made by Little CMS with sRGB's primaries and white point: RGB, each
+// channel's tone curve the power gammas[c] of its sample (0: the sRGB curve; all three 0: Little
+// CMS's own sRGB profile); or, when grey, grey with the curve of gammas[1].
+std::string CurvesIccProfile(std::array<double, 3> gammas, bool grey = false);
 // A PNG stream: the signature, then each chunk (type, data) with its length and CRC.
 std::string PngStream(const std::vector<std::pair<std::string, std::string>>& chunks);
 // A PNG whose header claims 100000 x 100000 8-bit RGB pixels: a reader must refuse it before
