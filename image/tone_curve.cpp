@@ -264,7 +264,8 @@ ToneCurve ImageToneCurve(const LoadedImage& image) {
 ToneCurve ChosenToneCurve(Colorspace colorspace, std::string_view option) {
   const bool linear = colorspace == Colorspace::kLinear;
   return Formula(linear ? ToneCurve::Kind::kLinear : ToneCurve::Kind::kSrgb,
-                 std::string(linear ? "linear light" : "sRGB") + " (" + std::string(option) + ")",
+                 std::string(linear ? "linear light" : "sRGB") + " (" + std::string(option) +
+                     (linear ? " linear)" : " srgb)"),
                  nullptr);
 }
 

@@ -54,7 +54,8 @@ ToneCurve ToneCurveFromPngChunks(const PngLightChunks& chunks);
 // file says nothing. A profile that cannot be used falls through to the next with warning set.
 ToneCurve ImageToneCurve(const LoadedImage& image);
 
-// The curve a user chose by name (kLinear or kSrgb), with a description naming the option.
+// The curve a user chose (kLinear or kSrgb), described as "sRGB (<option> srgb)" or
+// "linear light (<option> linear)".
 ToneCurve ChosenToneCurve(Colorspace colorspace, std::string_view option);
 
 // Sets options.colorspace and options.toneCurve for curve: kLinear and kSrgb as the
