@@ -37,6 +37,7 @@ TEST(OptionsEntry, MapsEveryFieldOntoTheOptionsApiAndFillsTheReport) {
       // the kernel: what lies past the size is neither read nor written.
       c.size = offsetof(MarlithOptions, progress);
       c.progress = [](const char*, double, void*) { return 1; };  // would cancel
+      c.colorspace = MARLITH_COLORSPACE_SRGB;                     // would linearise
       report.size = offsetof(MarlithReport, kernel);
     } else if (setting == 1) {
       c.noiseAutomatic = 0, c.noise = 0.07, cpp.noise = 0.07;
@@ -46,6 +47,7 @@ TEST(OptionsEntry, MapsEveryFieldOntoTheOptionsApiAndFillsTheReport) {
       c.boundary = MARLITH_BOUNDARY_PERIODIC, cpp.boundary = Boundary::kPeriodic;
       c.refineKernel = 1, cpp.refineKernel = true;
       c.threads = 1, cpp.threads = 1;
+      c.colorspace = MARLITH_COLORSPACE_SRGB, cpp.colorspace = Colorspace::kSrgb;
     }
     MarlithImage outView = Planar(outC, W, H);
     ASSERT_EQ(marlithDeconvolveImage(&in, &outView, kernel.data(), 5, 3, &c, &report), MARLITH_OK)
@@ -90,8 +92,9 @@ TEST(OptionsEntry, RefusalsAndCancellationGiveCodesAndTheCallingThreadsReason) {
   wrongType.sampleType = 9;
   MarlithOptions options;
   marlithDefaultOptions(&options);
-  MarlithOptions badBoundary = options, badSize = options;
+  MarlithOptions badBoundary = options, badSize = options, badColorspace = options;
   badBoundary.boundary = 7;
+  badColorspace.colorspace = 2;
   badSize.size = 1000;
   struct Case {
     const MarlithImage* input;
@@ -103,6 +106,7 @@ TEST(OptionsEntry, RefusalsAndCancellationGiveCodesAndTheCallingThreadsReason) {
       {&in, nullptr, nullptr, "kernel cannot be NULL"},
       {&wrongType, kernel.data(), nullptr, "unknown sample type 9"},
       {&in, kernel.data(), &badBoundary, "boundary option has no value 7"},
+      {&in, kernel.data(), &badColorspace, "colorspace option has no value 2"},
       {&in, kernel.data(), &badSize, "size field (1000)"},
   };
   for (const Case& c : cases) {
