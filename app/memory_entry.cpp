@@ -1,4 +1,6 @@
 // The C entry point for use as a library.
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <exception>
 #include <new>
@@ -29,7 +31,17 @@ extern "C" int32_t marlithDeconvolve(const double* inputData, double* outputData
                                  kernelWidth, kernelHeight, noise, localPriorWeight, boundaryType);
   // Nothing may escape a C entry point: every failure becomes one line and -1.
   try {
+    marlith::CheckRequest(request);
+    const size_t count = static_cast<size_t>(width) * height * channels;
+    // A sample that is not a finite number turns the whole result into NaN: refused by place.
+    marlith::CheckFiniteSamples({inputData, count}, width, height, "the image");
     marlith::RunDeconvEngine(request, marlith::kFrequencySolverVariant);
+    // Finite samples too large for the computation (1e300) overflow it: refused as well rather
+    // than returned as a result of NaN.
+    if (!std::all_of(outputData, outputData + count, [](double v) { return std::isfinite(v); }))
+      throw marlith::Error(
+          "the image's samples are too large to restore (the computation overflowed); they "
+          "belong on the [0, 1] scale");
     return 0;
   } catch (const marlith::Error& e) {
     std::printf("marlithDeconvolve: %s\n", e.what());

@@ -1,12 +1,12 @@
 // Whole runs against the transform floor, measured in the same process: for each row the
 // working size, the inner rounds of all channels, the time of one forward and one inverse
-// transform at that size (FFTW_MEASURE plans, best of 15, measured after each run; the median
-// is shown), the floor (rounds x that pair), the runs' best and median seconds, and the best and
-// median of each run's ratio to the floor measured just after it.
+// transform at that size (the solver's FFTW_ESTIMATE plans, best of 15, measured after each run;
+// the median is shown), the floor (rounds x that pair), the runs' best and median seconds, and the
+// best and median of each run's ratio to the floor measured just after it.
 //
 // Usage: run_bench [--runs N | --floor-only] blurred kernel noise weight ROW...
 //   ROW command:B[:PATH]  the six-argument command (default build/app/marlith) with boundary B,
-//                         as a child process: wall time, plans and wisdom as a user's run has them
+//                         as a child process: wall time as a user's run has it
 //   engine:B:exact|fast   load, engine and save in this process with exact or fast margins (the
 //                         first run, untimed, counts the rounds and warms the plans)
 // --floor-only skips the timed runs and prints, per row, one line "floor W H rounds pair floor"
@@ -45,8 +45,8 @@ double TransformPair(int W, int H, int threads) {
   {
     std::lock_guard<std::mutex> lock(FftwPlannerMutex());
     fftw_plan_with_nthreads(threads);
-    forward = fftw_plan_dft_r2c_2d(H, W, real.get(), spectrum.get(), FFTW_MEASURE);
-    inverse = fftw_plan_dft_c2r_2d(H, W, spectrum.get(), real.get(), FFTW_MEASURE);
+    forward = fftw_plan_dft_r2c_2d(H, W, real.get(), spectrum.get(), FFTW_ESTIMATE);
+    inverse = fftw_plan_dft_c2r_2d(H, W, spectrum.get(), real.get(), FFTW_ESTIMATE);
   }
   for (size_t i = 0; i < n; ++i) real[i] = static_cast<double>(i % 251) / 251.0;
   double best = 1e300;

@@ -19,7 +19,5 @@ function(marlith_add_test name)
     target_compile_definitions(${name} PRIVATE
                                MARLITH_DEBLUR_EXE="$<TARGET_FILE:marlith-deblur>")
   endif()
-  # FFTW wisdom goes to the build tree, never to the user's cache.
-  gtest_discover_tests(${name} WORKING_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR} DISCOVERY_TIMEOUT 60
-                       PROPERTIES ENVIRONMENT "MARLITH_FFTW_WISDOM=${PROJECT_BINARY_DIR}/test-wisdom")
+  gtest_discover_tests(${name} WORKING_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR} DISCOVERY_TIMEOUT 60)
 endfunction()

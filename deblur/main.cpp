@@ -8,16 +8,21 @@
 
 #include "deblur/deblur_options.h"
 #include "deblur/deblur_run.h"
+#include "image/file_bytes.h"
 
 namespace {
 
 // The number of the first SIGINT or SIGTERM received, or 0. The running images stop at their
-// next progress report; a second signal ends the process at once (SA_RESETHAND).
+// next progress report; a second signal ends the process at once, removing the temporary name
+// of any file being written.
 std::atomic<int> gInterrupt{0};
 static_assert(std::atomic<int>::is_always_lock_free);
 
 extern "C" void OnInterrupt(int signal) {
-  gInterrupt.store(signal);
+  if (gInterrupt.exchange(signal) != 0) {
+    marlith::RemoveTemporaryFiles();
+    _exit(128 + signal);
+  }
   static const char kMessage[] =
       "\nmarlith-deblur: stopping (no file is left half-written); press Ctrl-C again to stop at "
       "once\n";
@@ -29,7 +34,9 @@ void CatchInterrupts() {
   struct sigaction action = {};
   action.sa_handler = OnInterrupt;
   sigemptyset(&action.sa_mask);
-  action.sa_flags = SA_RESETHAND | SA_RESTART;
+  sigaddset(&action.sa_mask, SIGINT);
+  sigaddset(&action.sa_mask, SIGTERM);
+  action.sa_flags = SA_RESTART;
   sigaction(SIGINT, &action, nullptr);
   sigaction(SIGTERM, &action, nullptr);
 }

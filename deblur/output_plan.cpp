@@ -91,15 +91,21 @@ std::vector<PlannedImage> PlanOutputs(const DeblurSettings& s) {
       throw Error(p.output + ": cannot tell which file type to write from the name" +
                   (s.output.empty() || toFolder ? " (give one with --format)" : ""));
     }
-    CheckOutputPath(p.output);
-    if (s.depth == DepthChoice::kSame) continue;
     const SampleDepth depth = s.depth == DepthChoice::k8    ? SampleDepth::k8
                               : s.depth == DepthChoice::k16 ? SampleDepth::k16
                                                             : SampleDepth::kFloat;
-    if (!ImageFileTypeHolds(type, depth))
+    if (s.depth != DepthChoice::kSame && !ImageFileTypeHolds(type, depth))
       throw UsageProblem(std::string("--depth: ") + ImageFileTypeName(type) + " files such as " +
                          p.output + " cannot hold " + SampleDepthWords(depth) + " samples");
   }
+  if (toFolder) {
+    // A folder named for the results is made when missing, with the folders above it (as
+    // mkdir -p would), once the command line has been found consistent.
+    std::error_code ec;
+    fs::create_directories(s.output, ec);
+    if (ec) throw Error(s.output + ": cannot create the folder: " + ec.message());
+  }
+  for (const PlannedImage& p : plan) CheckOutputPath(p.output);
   return plan;
 }
 

@@ -24,8 +24,8 @@ struct PlannedImage {
 
 // The output of each of settings.inputs, in their order:
 // - no --output: beside the input as "<stem>-deblurred<ext>";
-// - --output naming a folder (one that exists, or any name ending in '/'): the input's file
-//   name in that folder;
+// - --output naming a folder (one that exists, or any name ending in '/', then made with the
+//   folders above it when missing): the input's file name in that folder;
 // - else --output itself, which takes one input only.
 // The extension is --format's when given, else the input's. Then every output is checked as
 // the header says, and against an explicit --depth its type cannot hold.

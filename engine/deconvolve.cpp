@@ -11,6 +11,7 @@
 #include "engine/engine_driver.h"
 #include "engine/frequency_solver_run.h"
 #include "engine/noise_estimate.h"
+#include "image/size_check.h"
 
 namespace marlith {
 
@@ -30,9 +31,6 @@ std::size_t SampleSize(SampleType type) {
 
 namespace {
 
-// Sizes up to this many samples per view: the engine's own limit on a request.
-constexpr int64_t kMaxSamples = int64_t{1} << 32;
-
 template <typename View>
 void CheckView(const View& v, const char* what) {
   const std::string name(what);
@@ -42,7 +40,7 @@ void CheckView(const View& v, const char* what) {
     throw Error(name + " must be at least 1 x 1 x 1, not " + std::to_string(v.width) + " x " +
                 std::to_string(v.height) + " x " + std::to_string(v.channels));
   }
-  if (int64_t{v.width} * v.height * v.channels > kMaxSamples) {
+  if (!SizeWithin(kMaxRequestSamples, {v.width, v.height, v.channels})) {
     throw Error(name + " of " + std::to_string(v.width) + " x " + std::to_string(v.height) + " x " +
                 std::to_string(v.channels) + " samples is too large");
   }
@@ -79,14 +77,7 @@ std::vector<double> ReadPlanes(const ConstImageView& v) {
       read(static_cast<const double*>(v.data), 1.0);
       break;
   }
-  const auto bad =
-      std::find_if(planes.begin(), planes.end(), [](double s) { return !std::isfinite(s); });
-  if (bad != planes.end()) {
-    const size_t i = static_cast<size_t>(bad - planes.begin());
-    throw Error("the image holds a sample that is not a finite number (channel " +
-                std::to_string(i / planeSize) + ", row " + std::to_string(i % planeSize / v.width) +
-                ", column " + std::to_string(i % v.width) + ")");
-  }
+  CheckFiniteSamples(planes, v.width, v.height, "the image");
   return planes;
 }
 
@@ -128,7 +119,7 @@ std::vector<double> NormalisedKernel(const KernelView& k) {
                 std::to_string(k.height) + ")");
   }
   const size_t count = static_cast<size_t>(k.width) * k.height;
-  if (int64_t{k.width} * k.height > kMaxSamples || k.values.size() < count) {
+  if (!SizeWithin(kMaxRequestSamples, {k.width, k.height}) || k.values.size() < count) {
     throw Error("the kernel's " + std::to_string(k.values.size()) + " values do not fill " +
                 std::to_string(k.width) + " x " + std::to_string(k.height));
   }

@@ -1,11 +1,13 @@
 #include "engine/engine_driver.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <limits>
 #include <string>
 
 #include "engine/frequency_solver_run.h"
+#include "image/size_check.h"
 #include "marlith/error.hpp"
 #include "plane/fftw_plan.h"
 #include "plane/plane_padding.h"
@@ -107,17 +109,27 @@ void CheckRequest(const DeconvRequest& request) {
   // Every buffer the engine makes is a few times the request's planes, bordered: keep the
   // element counts far from size_t's limit and the sizes (grown by margins) inside int.
   constexpr int64_t kMaxSide = 1 << 20;
-  constexpr int64_t kMaxSamples = int64_t{1} << 32;
-  const int64_t samples = int64_t{request.width} * request.height * request.channels;
-  const int64_t kernelSamples = int64_t{request.kernelWidth} * request.kernelHeight;
-  if (request.width > kMaxSide || request.height > kMaxSide || samples > kMaxSamples ||
+  if (request.width > kMaxSide || request.height > kMaxSide ||
+      !SizeWithin(kMaxRequestSamples, {request.width, request.height, request.channels}) ||
       request.kernelWidth > kMaxSide || request.kernelHeight > kMaxSide ||
-      kernelSamples > kMaxSamples) {
+      !SizeWithin(kMaxRequestSamples, {request.kernelWidth, request.kernelHeight})) {
     throw Error("image of " + std::to_string(request.width) + " x " +
                 std::to_string(request.height) + " x " + std::to_string(request.channels) +
                 " with a kernel of " + std::to_string(request.kernelWidth) + " x " +
                 std::to_string(request.kernelHeight) + " is too large");
   }
+}
+
+void CheckFiniteSamples(std::span<const double> planes, int32_t width, int32_t height,
+                        const std::string& what) {
+  const auto bad =
+      std::find_if(planes.begin(), planes.end(), [](double s) { return !std::isfinite(s); });
+  if (bad == planes.end()) return;
+  const size_t i = static_cast<size_t>(bad - planes.begin());
+  const size_t planeSize = static_cast<size_t>(width) * height;
+  throw Error(what + " holds a sample that is not a finite number (channel " +
+              std::to_string(i / planeSize) + ", row " + std::to_string(i % planeSize / width) +
+              ", column " + std::to_string(i % width) + ")");
 }
 
 std::vector<double> NewImagePlanes(size_t count) { return NewPlane(count); }

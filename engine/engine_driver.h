@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <span>
+#include <string>
 #include <vector>
 
 #include "engine/frequency_solver_run.h"
@@ -35,9 +36,18 @@ DeconvRequest MakeScaledRequest(const double* input, double* output, int32_t wid
                                 int32_t kernelHeight, double noiseStrength, double localPriorWeight,
                                 int32_t boundaryType);
 
+// Most samples of one request (width x height x channels), and of its kernel.
+inline constexpr int64_t kMaxRequestSamples = int64_t{1} << 32;
+
 // Throws marlith::Error naming the fault when the request lacks an array, has a size below 1,
-// sizes too large to hold, or a noise or weight that is not finite.
+// sizes too large to hold (checked with SizeWithin, image/size_check.h), or a noise or weight
+// that is not finite.
 void CheckRequest(const DeconvRequest& request);
+
+// Throws marlith::Error naming the first sample of planes (channels of width x height) that is
+// not a finite number, by channel, row and column; what names the planes ("the image").
+void CheckFiniteSamples(std::span<const double> planes, int32_t width, int32_t height,
+                        const std::string& what);
 
 // count zeros for a caller's image planes on huge pages: the plane layer's NewPlane, for the
 // doors, which do not use that layer (first touches of fresh memory are a large part of a

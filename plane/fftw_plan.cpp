@@ -74,6 +74,10 @@ std::vector<double> NewPlane(size_t count) {
   return plane;
 }
 
+fftw_plan PlanTransform(const std::function<fftw_plan(unsigned)>& make) {
+  return make(FFTW_ESTIMATE);
+}
+
 FftwPlan AdoptFftwPlan(fftw_plan plan, const char* what) {
   if (!plan) throw Error(std::string("FFTW could not plan the ") + what);
   return FftwPlan(plan);

@@ -4,6 +4,7 @@
 
 #include <fftw3.h>
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -17,6 +18,16 @@ struct FftwPlanDeleter {
   void operator()(fftw_plan_s* plan) const;  // destroys under FftwPlannerMutex()
 };
 using FftwPlan = std::unique_ptr<fftw_plan_s, FftwPlanDeleter>;
+
+// Makes a transform's plan as make(flags) with the planner flags every transform uses; the
+// caller holds FftwPlannerMutex(). The flags are FFTW_ESTIMATE, a heuristic that picks the same
+// plan for the same size, threads and alignment every time, so that the same input and options
+// give the same bits whatever ran before (FFTW_MEASURE picks by timing, and a plan measured once
+// and cached made a size's first run differ from its later ones in the last bits). Measured at
+// 1000 x 1000 on two threads (bench/plan_bench): the transform pair is about a third slower than
+// a measured plan's, and no measuring (1.3 to 1.6 s a size) is ever paid; see BENCHMARKS.md.
+// No wisdom is imported or saved: FFTW_ESTIMATE would take up any measured wisdom present.
+fftw_plan PlanTransform(const std::function<fftw_plan(unsigned)>& make);
 
 // Wraps a plan made by the caller (who holds FftwPlannerMutex() while making it); throws
 // marlith::Error naming what when FFTW returned no plan.

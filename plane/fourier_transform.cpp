@@ -3,7 +3,7 @@
 #include <cassert>
 #include <string>
 
-#include "plane/fftw_wisdom.h"
+#include "plane/fftw_plan.h"
 
 namespace marlith {
 
@@ -16,36 +16,27 @@ SpectralTransform::SpectralTransform(int width, int height, Kind kind, int threa
   auto spectrum = AllocateFftwBuffer<fftw_complex>(HalfSpectrumSize(width, height));
   std::lock_guard<std::mutex> lock(FftwPlannerMutex());
   fftw_plan_with_nthreads(threads);
-  // Estimated the first time a size is planned, measured the second (see fftw_wisdom.h).
-  // Measured at 1000 x 1000 on two cores: FFTW_ESTIMATE plans in milliseconds, FFTW_MEASURE
-  // takes about 0.7 s for both directions and a forward and inverse pair then takes 2.2 ms
-  // instead of 3.7 ms.
-  const std::string size =
-      std::to_string(width) + "x" + std::to_string(height) + " t" + std::to_string(threads);
   if (placement == kInPlace) {
     // In place the spectrum is written over the plane it comes from: in a round of the solver
     // that leaves one plane fewer for the transform to pass through (the round took 10 to 20 %
     // less time measured at 1000 x 1000 on two threads, with a whole-plane pass on each side).
     double* inPlace = reinterpret_cast<double*>(spectrum.get());
-    plan_ = AdoptFftwPlan(PlanWithWisdom("r2c in place " + size,
-                                         [&](unsigned flags) {
-                                           return fftw_plan_dft_r2c_2d(height, width, inPlace,
-                                                                       spectrum.get(), flags);
-                                         }),
-                          "forward transform");
+    plan_ =
+        AdoptFftwPlan(PlanTransform([&](unsigned flags) {
+                        return fftw_plan_dft_r2c_2d(height, width, inPlace, spectrum.get(), flags);
+                      }),
+                      "forward transform");
   } else if (kind == kForward) {
-    plan_ = AdoptFftwPlan(PlanWithWisdom("r2c " + size,
-                                         [&](unsigned flags) {
-                                           return fftw_plan_dft_r2c_2d(height, width, real.get(),
-                                                                       spectrum.get(), flags);
-                                         }),
+    plan_ = AdoptFftwPlan(PlanTransform([&](unsigned flags) {
+                            return fftw_plan_dft_r2c_2d(height, width, real.get(), spectrum.get(),
+                                                        flags);
+                          }),
                           "forward transform");
   } else {
-    plan_ = AdoptFftwPlan(PlanWithWisdom("c2r " + size,
-                                         [&](unsigned flags) {
-                                           return fftw_plan_dft_c2r_2d(
-                                               height, width, spectrum.get(), real.get(), flags);
-                                         }),
+    plan_ = AdoptFftwPlan(PlanTransform([&](unsigned flags) {
+                            return fftw_plan_dft_c2r_2d(height, width, spectrum.get(), real.get(),
+                                                        flags);
+                          }),
                           "inverse transform");
   }
 }

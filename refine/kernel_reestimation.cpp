@@ -22,7 +22,8 @@ std::vector<double> convolutionMatrix(std::span<const double> filter, int32_t fw
 
 void buildNormalEquations(std::span<const double> observed, std::span<const double> latent,
                           int32_t W, int32_t H, int32_t channels, int32_t kw, int32_t kh,
-                          std::vector<double>& N, std::vector<double>& h) {
+                          std::vector<double>& N, std::vector<double>& h,
+                          const std::function<void()>& checkpoint) {
   const int32_t K = kw * kh;
   N.assign(static_cast<size_t>(K) * K, 0.0);
   h.assign(static_cast<size_t>(K), 0.0);
@@ -43,6 +44,7 @@ void buildNormalEquations(std::span<const double> observed, std::span<const doub
     const double* L = latent.data() + c * plane;
     const double* Y = observed.data() + c * plane;
     for (int32_t by = y0; by < y1; by += blockRows) {
+      if (checkpoint) checkpoint();
       const int32_t rows = std::min(blockRows, y1 - by);
       const size_t samples = static_cast<size_t>(rows) * cols;
       X.resize(static_cast<size_t>(K) * samples);
@@ -70,7 +72,8 @@ void buildNormalEquations(std::span<const double> observed, std::span<const doub
 std::vector<double> solveSparseKernelProblem(const DenseMatrixView& M, std::span<const double> r,
                                              std::span<const double> start, int32_t budget,
                                              double lambda, const DenseMatrixView& D1,
-                                             const DenseMatrixView& D2) {
+                                             const DenseMatrixView& D2,
+                                             const std::function<void()>& checkpoint) {
   const int32_t n = M.rows;
   if (budget < 0) budget = 60;
   const double a = 0.05 / std::max(lambda, 1e-12);
@@ -93,6 +96,7 @@ std::vector<double> solveSparseKernelProblem(const DenseMatrixView& M, std::span
     for (int32_t i = 0; i < static_cast<int32_t>(nn); ++i) A[i] = M.data[i] + mu * G[i];
     const DenseMatrixView Av{A.data(), n, n};
     for (int32_t round = 0; round < budget / 2; ++round) {
+      if (checkpoint) checkpoint();
       matrixVectorProduct(D1, kAsStored, x.data(), y1.data());
       matrixVectorProduct(D2, kAsStored, x.data(), y2.data());
       for (auto* y : {&y1, &y2})
@@ -117,7 +121,7 @@ KernelEstimateStatus reestimateKernel(std::span<const double> observed,
   const int32_t K = kw * kh;
   const std::vector<double> initial(initialKernel.begin(), initialKernel.begin() + K);
   std::vector<double> N, h;
-  buildNormalEquations(observed, latent, W, H, channels, kw, kh, N, h);
+  buildNormalEquations(observed, latent, W, H, channels, kw, kh, N, h, settings.checkpoint);
   const std::vector<double> difference = {0.0, 1.0, -1.0};
   const std::vector<double> D1 = convolutionMatrix(difference, 3, 1, kw, kh);
   const std::vector<double> D2 = convolutionMatrix(difference, 1, 3, kw, kh);
@@ -151,7 +155,8 @@ KernelEstimateStatus reestimateKernel(std::span<const double> observed,
     }
     std::copy(initial.begin(), initial.end(), outputKernel.begin());
     x = solveSparseKernelProblem({M.data(), n, n}, r, std::vector<double>(n, 0.0), 60,
-                                 settings.sparsityWeight, {d1.data(), n, n}, {d2.data(), n, n});
+                                 settings.sparsityWeight, {d1.data(), n, n}, {d2.data(), n, n},
+                                 settings.checkpoint);
     if (n < 1 || std::all_of(x.begin(), x.end(), [](double v) { return v >= -0.001; })) break;
     for (int32_t a = 0; a < n; ++a) {
       if (x[a] < -0.001) {

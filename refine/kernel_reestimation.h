@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <vector>
 
@@ -14,6 +15,9 @@ namespace marlith {
 struct KernelEstimateSettings {
   double scaleValue = 0.1;      // the data term is scaled by ((20000 / scaleValue) / sum Y^2)^2
   double sparsityWeight = 0.7;  // lambda of the L1 penalty
+  // Called between the fit's steps (row blocks of the normal equations, rounds of the solve),
+  // some tens of milliseconds apart at most; may throw to cancel the fit. May be empty.
+  std::function<void()> checkpoint;
 };
 
 enum class KernelEstimateStatus {
@@ -39,16 +43,20 @@ std::vector<double> convolutionMatrix(std::span<const double> filter, int32_t fw
                                       int32_t gw, int32_t gh);
 
 // Normal equations N (K x K, symmetric) and h (K) of the fit over the margins' interior.
+// checkpoint (may be empty) is called between row blocks.
 void buildNormalEquations(std::span<const double> observed, std::span<const double> latent,
                           int32_t W, int32_t H, int32_t channels, int32_t kw, int32_t kh,
-                          std::vector<double>& N, std::vector<double>& h);
+                          std::vector<double>& N, std::vector<double>& h,
+                          const std::function<void()>& checkpoint = {});
 
 // One reduced problem: the quadratic data term x^T M x - 2 r^T x with an L1 penalty on D1 x and
 // D2 x, by half-quadratic splitting with beta doubling from 1 to min(2^21, 100 x 0.05 / lambda);
-// at most budget / 2 rounds per beta (budget < 0 means 60). M, D1, D2 are n x n.
+// at most budget / 2 rounds per beta (budget < 0 means 60). M, D1, D2 are n x n. checkpoint (may
+// be empty) is called before each round.
 std::vector<double> solveSparseKernelProblem(const DenseMatrixView& M, std::span<const double> r,
                                              std::span<const double> start, int32_t budget,
                                              double lambda, const DenseMatrixView& D1,
-                                             const DenseMatrixView& D2);
+                                             const DenseMatrixView& D2,
+                                             const std::function<void()>& checkpoint = {});
 
 }  // namespace marlith

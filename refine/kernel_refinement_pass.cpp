@@ -45,8 +45,12 @@ std::vector<double> RefineKernelAndSolve(std::span<const double> workPlanes, int
   };
   // A smoother first latent image (four times the noise) to fit the kernel from.
   solveAll(settings.noise * 4.0, 0.0);
+  // The fit reports no fraction of its own, but its steps give a cancellation a chance to stop
+  // it (at 3 MP it takes seconds).
+  KernelEstimateSettings fit{0.1, 0.7, nullptr};
+  if (settings.progress) fit.checkpoint = [&settings] { settings.progress(0.45); };
   reestimateKernel(workPlanes, latentPlanes, width, height, channels, kernel, kernelWidth,
-                   kernelHeight, kernel, KernelEstimateSettings{0.1, 0.7});
+                   kernelHeight, kernel, fit);
   CleanKernel(kernel);
   if (settings.progress) settings.progress(0.55);
   if (settings.solveWithRefinedKernel) solver.SetKernel(kernel, kernelWidth, kernelHeight);

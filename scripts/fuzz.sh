@@ -6,8 +6,6 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds="${1:-20}"
-# FFTW wisdom of the fuzzed runs stays in memory unless the caller names a folder.
-export MARLITH_FFTW_WISDOM="${MARLITH_FFTW_WISDOM:-off}"
 CC=clang CXX=clang++ MARLITH_BUILD_DIR=build-fuzz scripts/build.sh -DMARLITH_FUZZ=ON -DBUILD_TESTING=OFF
 work="$(mktemp -d)"
 trap 'rm -rf "$work"' EXIT

@@ -5,10 +5,6 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
-# FFTW wisdom of the test and fuzz runs goes to a folder of its own, not to the user's cache.
-MARLITH_FFTW_WISDOM="$(mktemp -d)"
-export MARLITH_FFTW_WISDOM
-trap 'rm -rf "$MARLITH_FFTW_WISDOM"' EXIT
 
 scripts/build.sh
 ctest --test-dir build --output-on-failure -j "$(nproc)"
