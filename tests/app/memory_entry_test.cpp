@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cmath>
 #include <vector>
 
@@ -36,7 +37,7 @@ TEST(MarlithDeconvolve, RestoresPlanesAndLeavesTheCallersKernelAlone) {
 }
 
 TEST(MarlithDeconvolve, RefusesNullArraysBadSizesAndKernelsWithOneLineAndMinusOne) {
-  std::vector<double> in(16, 0.5), out(16, 0.0), k(9, 0.0);
+  std::vector<double> in(64, 0.5), out(64, 0.0), k(9, 0.0);
   // The first null array in order is named; a refused request or kernel gives its reason.
   EXPECT_EQ(Call(nullptr, nullptr, 2, 2, 1, nullptr, 1, 1),
             std::pair(-1, std::string("inputData cannot be NULL.\n")));
@@ -46,15 +47,29 @@ TEST(MarlithDeconvolve, RefusesNullArraysBadSizesAndKernelsWithOneLineAndMinusOn
             std::pair(-1, std::string("kernelData cannot be NULL.\n")));
   struct Case {
     int w, h, c, kw, kh;
-    double kernelValue;
+    double kernelValue, sample = 0.5;
+    const char* says = "";
   };
+  constexpr int kMax = INT32_MAX, kGiB = 1 << 30;
+  const double nan = std::nan(""), inf = INFINITY;
+  // Sizes whose product wraps in 64 bits (2^30 x 2^30 x 16 = 2^64) or overflows int64 are refused
+  // by the size check before any memory is taken; a sample that is not finite, or so large that
+  // the computation overflows, is refused rather than given back as a result of NaN.
   for (const Case& c : {Case{0, 4, 1, 3, 3, 1.0}, Case{65536, 65536, 3, 3, 3, 1.0},
-                        Case{4, 4, 1, 3, 3, std::nan("")}}) {
+                        Case{4, 4, 1, 3, 3, nan}, Case{kGiB, kGiB, 16, 3, 3, 1.0, 0.5, "too large"},
+                        Case{kMax, kMax, 3, 3, 3, 1.0, 0.5, "too large"},
+                        Case{4, 4, 1, kMax, kMax, 1.0, 0.5, "too large"},
+                        Case{8, 8, 1, 3, 3, 1.0, nan, "not a finite number"},
+                        Case{8, 8, 1, 3, 3, 1.0, -inf, "not a finite number"},
+                        Case{8, 8, 1, 3, 3, 1.0, 1e308, "too large to restore"}}) {
     std::fill(k.begin(), k.end(), c.kernelValue);
+    std::fill(in.begin(), in.end(), 0.5);
+    in[5] = c.sample;
     const auto [code, message] = Call(in.data(), out.data(), c.w, c.h, c.c, k.data(), c.kw, c.kh);
     EXPECT_EQ(code, -1);
     EXPECT_EQ(std::count(message.begin(), message.end(), '\n'), 1) << message;
     EXPECT_EQ(message.rfind("marlithDeconvolve: ", 0), 0u) << message;
+    EXPECT_NE(message.find(c.says), std::string::npos) << message;
   }
 }
 

@@ -90,6 +90,10 @@ TEST(OptionsEntry, RefusalsAndCancellationGiveCodesAndTheCallingThreadsReason) {
 
   MarlithImage wrongType = in;
   wrongType.sampleType = 9;
+  // Zero strides keep every sample in the caller's buffer: only the size check stands between
+  // these views and a buffer of the wrapped (2^64 -> 0) or overflowed size.
+  MarlithImage wrapping = {image.data(), MARLITH_FLOAT64, 1 << 30, 1 << 30, 16, 0, 0, 0};
+  MarlithImage overflowing = {image.data(), MARLITH_FLOAT64, INT32_MAX, INT32_MAX, 3, 0, 0, 0};
   MarlithOptions options;
   marlithDefaultOptions(&options);
   MarlithOptions badBoundary = options, badSize = options, badColorspace = options;
@@ -105,6 +109,8 @@ TEST(OptionsEntry, RefusalsAndCancellationGiveCodesAndTheCallingThreadsReason) {
       {nullptr, kernel.data(), nullptr, "input cannot be NULL"},
       {&in, nullptr, nullptr, "kernel cannot be NULL"},
       {&wrongType, kernel.data(), nullptr, "unknown sample type 9"},
+      {&wrapping, kernel.data(), nullptr, "1073741824 x 1073741824 x 16 samples is too large"},
+      {&overflowing, kernel.data(), nullptr, "too large"},
       {&in, kernel.data(), &badBoundary, "boundary option has no value 7"},
       {&in, kernel.data(), &badColorspace, "colorspace option has no value 2"},
       {&in, kernel.data(), &badSize, "size field (1000)"},

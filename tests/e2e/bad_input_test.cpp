@@ -1,5 +1,6 @@
 // What the executable does with bad input: one data row per line of the README's table.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <functional>
@@ -72,6 +73,7 @@ class BadInput : public ::testing::TestWithParam<Row> {
     Write("wide.png", {std::vector<double>(40 * 40, 0.2), 40, 40, 1});  // ... and large support
     Write("black.png", {std::vector<double>(25, 0.0), 5, 5, 1});
     Write("one.png", {{0.8}, 1, 1, 1});
+    ASSERT_EQ(mkfifo((dir / "fifo.png").c_str(), 0600), 0);  // no writer: opening it would block
     ASSERT_EQ(
         std::system(("gm convert " + dir / "k.png" + " -matte PNG32:" + dir / "ka.png").c_str()),
         0);
@@ -88,7 +90,7 @@ TEST_P(BadInput, DoesWhatTheReadmeSays) {
     for (std::string w; words >> w;) args.push_back(w[0] == '@' ? dir / w.substr(1) : w);
     if (args.size() == 3) args.push_back("0");
     args.resize(6, "1");
-    const ProcessResult r = RunProcess(MarlithExe(), args);
+    const ProcessResult r = RunProcess(MarlithExe(), args, 30);
     const std::string first = r.out.substr(0, r.out.find('\n'));
     EXPECT_EQ(r.exitCode, row.outcome == kRefused ? 255 : 0) << r.out << r.err;
     EXPECT_TRUE(std::regex_match(row.outcome == kRefused ? r.out.substr(first.size() + 1) : r.out,
@@ -127,6 +129,8 @@ const Row kRows[] = {
      "@out.png; @in.png @cut2.png @out.png; @cut1.jpg @k.png @out.png; @in.png @cut2.jpg @out.png; "
      "@cut1.png @cut2.png @out.png",
      kRefused, "Cannot load image %"},
+    {"NotARegularFile",  // refused at once: a FIFO is never waited on
+     "@fifo.png @k.png @out.png; @in.png @fifo.png @out.png", kRefused, "Cannot load image %"},
     {"HeaderOverThePixelLimit", "@huge.png @k.png @out.png", kRefused, "Cannot load image %"},
     {"ImageSmallerThanTheKernel",
      "@tiny11.png @k.png @out.png; @tiny19.png @k.png @out.png 1; @tiny91.png @k.png @out.png; "
