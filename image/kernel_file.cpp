@@ -26,21 +26,38 @@ std::string Number(double v) {
   return text;
 }
 
-// Refuses NaN, infinite and negative values, naming the first one's place.
-void CheckValues(const KernelFile& kernel, const std::string& name) {
+// Negative values down to this fraction of the peak are set to 0 (a measured PSF after its
+// background was subtracted); below it the file is more likely not a kernel at all.
+constexpr double kNegativeShare = 0.05;
+
+// Refuses NaN and infinite values and negatives below kNegativeShare of the peak, naming the
+// first one's place; sets the smaller negatives to 0 with a warning.
+void CheckValues(KernelFile& kernel, const std::string& name) {
   if (kernel.values.empty()) throw Error(name + ": the kernel holds no values");
+  double peak = 0.0, lowest = 0.0;
+  for (double v : kernel.values)
+    if (std::isfinite(v)) peak = std::max(peak, v), lowest = std::min(lowest, v);
+  const double floor = -kNegativeShare * peak;
+  size_t negatives = 0;
   for (size_t i = 0; i < kernel.values.size(); ++i) {
     const double v = kernel.values[i];
     const char* problem = std::isnan(v)   ? "NaN"
                           : std::isinf(v) ? "infinite"
-                          : v < 0         ? "negative"
+                          : v < floor     ? "negative"
                                           : "";
     if (*problem) {
-      throw Error(name + ": the kernel value at x " + std::to_string(i % kernel.width) + ", y " +
-                  std::to_string(i / kernel.width) + " is " + problem +
-                  (v < 0 ? " (" + Number(v) + ")" : "") +
-                  "; kernel values must be finite and 0 or more");
+      throw Error(
+          name + ": the kernel value at x " + std::to_string(i % kernel.width) + ", y " +
+          std::to_string(i / kernel.width) + " is " + problem +
+          (v < 0 ? " (" + Number(v) + ", below 5 % of the peak " + Number(peak) + ")" : "") +
+          "; kernel values must be finite and 0 or more");
     }
+    if (v < 0.0 || (v == 0.0 && std::signbit(v))) ++negatives, kernel.values[i] = 0.0;
+  }
+  if (negatives > 0 && lowest < 0.0) {
+    kernel.warnings.push_back(name + ": " + std::to_string(negatives) +
+                              " negative kernel values (the lowest " + Number(lowest) + ", " +
+                              Number(-100 * lowest / peak) + " % of the peak) set to 0");
   }
 }
 
@@ -233,9 +250,21 @@ std::string LowerExtension(const std::string& path) {
 
 KernelFile ParseKernelText(std::string_view text, const std::string& name) {
   if (text.starts_with("\xEF\xBB\xBF")) text.remove_prefix(3);
-  static constexpr std::string_view kSeparators = " \t\r\v\f,;";
+  // A line holding both ';' and ',' writes its numbers with decimal commas between ';'
+  // separators, and then so does the whole file.
+  bool semicolons = false;
+  for (size_t at = 0; !semicolons && at < text.size();) {
+    const size_t end = std::min(text.find('\n', at), text.size());
+    const std::string_view line =
+        text.substr(at, end - at).substr(0, text.substr(at, end - at).find('#'));
+    semicolons =
+        line.find(';') != std::string_view::npos && line.find(',') != std::string_view::npos;
+    at = end + 1;
+  }
+  const std::string_view separators = semicolons ? " \t\r\v\f;" : " \t\r\v\f,;";
   KernelFile kernel;
   size_t lineNumber = 0, firstRowLine = 0;
+  std::string number;
   while (!text.empty()) {
     const size_t end = std::min(text.find('\n'), text.size());
     std::string_view line = text.substr(0, end);
@@ -243,11 +272,21 @@ KernelFile ParseKernelText(std::string_view text, const std::string& name) {
     ++lineNumber;
     line = line.substr(0, line.find('#'));
     size_t count = 0;
-    for (size_t at = line.find_first_not_of(kSeparators); at != std::string_view::npos;
-         at = line.find_first_not_of(kSeparators, at)) {
-      const size_t stop = std::min(line.find_first_of(kSeparators, at), line.size());
+    for (size_t at = line.find_first_not_of(separators); at != std::string_view::npos;
+         at = line.find_first_not_of(separators, at)) {
+      const size_t stop = std::min(line.find_first_of(separators, at), line.size());
       std::string_view token = line.substr(at, stop - at);
       at = stop;
+      if (semicolons && token.find(',') != std::string_view::npos) {
+        if (token.find(',') != token.rfind(',') || token.find('.') != std::string_view::npos) {
+          throw Error(name + ": line " + std::to_string(lineNumber) + ": '" + std::string(token) +
+                      "' is ambiguous: with ';' between numbers a ',' is their decimal point, "
+                      "so a number may hold one ',' and no '.'");
+        }
+        number.assign(token);
+        number[number.find(',')] = '.';
+        token = number;
+      }
       // from_chars takes no plus sign.
       if (token.size() > 1 && token[0] == '+' && token[1] != '-') token.remove_prefix(1);
       double v = 0.0;
@@ -367,6 +406,63 @@ KernelFile ReadKernelFile(const std::string& path) {
   if (!ReadWholeFile(path, bytes, error)) throw Error(error);
   if (text) return ParseKernelText(bytes, path);
   return ParseNpy(std::as_bytes(std::span(bytes.data(), bytes.size())), path);
+}
+
+std::string OffCentreWarning(const KernelFile& kernel, const std::string& name) {
+  double sum = 0.0, x = 0.0, y = 0.0;
+  for (int row = 0; row < kernel.height; ++row)
+    for (int column = 0; column < kernel.width; ++column) {
+      const double v = kernel.values[static_cast<size_t>(row) * kernel.width + column];
+      sum += v;
+      x += v * column;
+      y += v * row;
+    }
+  if (!(sum > 0.0)) return "";
+  const double dx = x / sum - kernel.width / 2, dy = y / sum - kernel.height / 2;
+  if (std::hypot(dx, dy) <= 1.0) return "";
+  char offset[96];
+  std::snprintf(offset, sizeof offset, "%.1f samples %s and %.1f %s", std::abs(dx),
+                dx < 0 ? "left" : "right", std::abs(dy), dy < 0 ? "up" : "down");
+  return name + ": the kernel's centroid lies " + offset + " of its centre sample (column " +
+         std::to_string(kernel.width / 2) + ", row " + std::to_string(kernel.height / 2) +
+         "), the origin in use: the result is shifted by as much; --kernel-origin support "
+         "centres the kernel's drawn support instead";
+}
+
+void WriteKernelFile(const std::string& path, std::span<const double> values, int width,
+                     int height) {
+  const std::string extension = LowerExtension(path);
+  double peak = 0.0;
+  for (double v : values) peak = std::max(peak, v);
+  if (extension == ".npy") {
+    std::string header = "{'descr': '<f8', 'fortran_order': False, 'shape': (" +
+                         std::to_string(height) + ", " + std::to_string(width) + "), }";
+    header.append(63 - (10 + header.size()) % 64, ' ') += '\n';
+    std::string bytes = "\x93NUMPY\x01";
+    bytes += '\0';
+    bytes += static_cast<char>(header.size() & 0xff);
+    bytes += static_cast<char>(header.size() >> 8);
+    bytes += header;
+    for (double v : values)
+      for (int i = 0; i < 8; ++i) bytes += static_cast<char>(std::bit_cast<uint64_t>(v) >> (8 * i));
+    std::string error;
+    if (!WriteFileAtomically(path, bytes, error)) throw Error(error);
+    return;
+  }
+  const bool tiff = extension == ".tif" || extension == ".tiff";
+  if (!tiff && extension != ".png") {
+    throw Error(path + ": a kernel is written as .npy, .tif (floating point) or .png");
+  }
+  LoadedImage image;
+  image.width = width;
+  image.height = height;
+  image.colourChannels = 1;
+  image.depth = tiff ? SampleDepth::kFloat : SampleDepth::k16;
+  image.planes.assign(values.begin(), values.end());
+  // A PNG holds [0, 1]: the peak is drawn white (a kernel is normalised when read).
+  if (!tiff && peak > 0.0)
+    for (double& v : image.planes) v /= peak;
+  WriteImageFile(path, image, image.depth, 95);
 }
 
 }  // namespace marlith

@@ -31,13 +31,17 @@ struct KernelFile {
 //   - m / 50 < b <= m / 2 with nine in ten border samples at least b / 2 (a raised, flat
 //     border rather than a kernel's tails running out of the image): b is subtracted, values
 //     below it become 0, and a warning says so.
-// Every kind is then checked: no NaN, infinite or negative value (the message gives its x, y
-// from 0), not empty, a sum above 0. Throws marlith::Error, one line naming path and the reason.
+// Every kind is then checked: no NaN or infinite value and no negative one below -5 % of the
+// largest (the message gives its x, y from 0), not empty, a sum above 0; negative values down
+// to -5 % of the largest (a measured PSF after background subtraction) are set to 0 with a
+// warning. Throws marlith::Error, one line naming path and the reason.
 KernelFile ReadKernelFile(const std::string& path);
 
 // Parses a text matrix: one row per line of numbers ('.' decimal point, C syntax) separated by
 // white space, commas or semicolons; '#' starts a comment to the end of the line; blank lines
-// and a UTF-8 byte-order mark are ignored. Every row must have the same number of values.
+// and a UTF-8 byte-order mark are ignored. In a file with a line holding both ';' and ',', the
+// ',' is no separator but a decimal comma (a number holding two commas, or a comma and a '.',
+// is refused as ambiguous, naming its line). Every row must have the same number of values.
 // Applies the checks above. Throws marlith::Error naming name and the line at fault.
 KernelFile ParseKernelText(std::string_view text, const std::string& name);
 
@@ -47,5 +51,18 @@ KernelFile ParseKernelText(std::string_view text, const std::string& name);
 // dtypes or dimensions, a malformed header, shapes whose product overflows, data shorter or
 // longer than the shape) is refused by a marlith::Error naming name and the reason.
 KernelFile ParseNpy(std::span<const std::byte> bytes, const std::string& name);
+
+// When the kernel's centroid lies more than one sample from its centre sample (column
+// width / 2, row height / 2), the origin a run takes by default: a warning naming name, the
+// offset and --kernel-origin support. Otherwise "".
+std::string OffCentreWarning(const KernelFile& kernel, const std::string& name);
+
+// Writes height rows of width values to path, of the type its extension (any letter case)
+// names: .npy (little-endian float64, as read by ParseNpy and numpy.load), .tif/.tiff (32-bit
+// floats, the values as they are) or .png (16-bit grey, scaled so the largest value is white).
+// The file is written whole or not at all. Throws marlith::Error naming path for another
+// extension or a failed write.
+void WriteKernelFile(const std::string& path, std::span<const double> values, int width,
+                     int height);
 
 }  // namespace marlith

@@ -284,4 +284,18 @@ void ApplyToneCurve(const ToneCurve& curve, DeconvolveOptions& options) {
   }
 }
 
+double LinearLight(const ToneCurve& curve, double encoded) {
+  switch (curve.kind) {
+    case ToneCurve::Kind::kLinear:
+      return encoded;
+    case ToneCurve::Kind::kSrgb:
+      return SrgbToLinear(std::clamp(encoded, 0.0, 1.0));
+    case ToneCurve::Kind::kTable:
+      break;
+  }
+  const double at = std::clamp(encoded, 0.0, 1.0) * (curve.table.size() - 1);
+  const size_t i = std::min(static_cast<size_t>(at), curve.table.size() - 2);
+  return curve.table[i] + (at - i) * (curve.table[i + 1] - curve.table[i]);
+}
+
 }  // namespace marlith

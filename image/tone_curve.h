@@ -62,4 +62,8 @@ ToneCurve ChosenToneCurve(Colorspace colorspace, std::string_view option);
 // enumeration (the engine has the sRGB formula itself), kTable as the table.
 void ApplyToneCurve(const ToneCurve& curve, DeconvolveOptions& options);
 
+// The linear light of an encoded sample through curve (encoded values clipped to [0, 1] for
+// the sRGB curve and tables), for readings that need light rather than stored values.
+double LinearLight(const ToneCurve& curve, double encoded);
+
 }  // namespace marlith

@@ -114,7 +114,7 @@ TEST(KernelFile, RefusesUnusableKernelsSayingWhy) {
       {"black.png", "", "sum to 0"},
       {"ragged.txt", "1 2 3\n4 5\n", "line 2 has 2 values but line 1 has 3"},
       {"nan.csv", "1,nan\n1,1\n", "x 1, y 0 is NaN"},
-      {"neg.txt", "1 1\n1 -0.5\n", "x 1, y 1 is negative (-0.5)"},
+      {"neg.txt", "1 1\n1 -0.5\n", "x 1, y 1 is negative (-0.5, below 5 %"},
       {"inf.dat", "inf 1\n", "x 0, y 0 is infinite"},
       {"word.asc", "1 two\n", "'two' is not a number"},
       {"empty.txt", "# nothing\n", "no values"},
@@ -132,6 +132,67 @@ TEST(KernelFile, RefusesUnusableKernelsSayingWhy) {
     const auto path = dir / name;  // clang 14 cannot capture a structured binding
     test::ExpectRefused([&] { ReadKernelFile(path); }, name, expected);
   }
+}
+
+TEST(KernelFile, ReadsEachTextDialectOrRefusesAnAmbiguousLine) {
+  struct Case {
+    const char* text;
+    std::vector<double> values;  // empty: refused with why
+    const char* why;
+  };
+  const Case cases[] = {
+      {"0.25 0.5\n1 2\n", {0.25, 0.5, 1, 2}, ""},
+      {"0.25,0.5\n1,2\n", {0.25, 0.5, 1, 2}, ""},
+      {"0.25;0.5\n1;2\n", {0.25, 0.5, 1, 2}, ""},
+      {"0,25;0,5\n1;2\n", {0.25, 0.5, 1, 2}, ""},  // decimal commas between semicolons
+      {"0,25 ; 0,5\r\n1e0;2\n", {0.25, 0.5, 1, 2}, ""},
+      {"1;2\n0,1,2;3\n", {}, "line 2: '0,1,2' is ambiguous"},
+      {"1;2\n0.5,1;3\n", {}, "line 2: '0.5,1' is ambiguous"},
+      {"0,5;1\n2,5\n", {}, "line 2 has 1 values but line 1 has 2"},
+  };
+  for (const Case& c : cases) {
+    if (c.values.empty()) {
+      test::ExpectRefused([&] { ParseKernelText(c.text, "k.csv"); }, "k.csv", c.why);
+      continue;
+    }
+    const KernelFile k = ParseKernelText(c.text, "k.csv");
+    EXPECT_EQ(k.width, 2) << c.text;
+    EXPECT_EQ(k.values, c.values) << c.text;
+  }
+}
+
+TEST(KernelFile, ZeroesSmallNegativesAndWarnsOfAnOffCentreKernel) {
+  const KernelFile k = ParseKernelText("-0.04 0 0\n0 1 0\n0 0 -0.01\n", "psf.txt");
+  EXPECT_EQ(k.values, (std::vector<double>{0, 0, 0, 0, 1, 0, 0, 0, 0}));
+  ASSERT_EQ(k.warnings.size(), 1u);
+  EXPECT_NE(k.warnings[0].find("2 negative kernel values (the lowest -0.04, 4 %"),
+            std::string::npos)
+      << k.warnings[0];
+  test::ExpectRefused([] { ParseKernelText("-0.06 1\n", "psf.txt"); }, "psf.txt",
+                      "x 0, y 0 is negative (-0.06, below 5 % of the peak 1)");
+  // The centroid 3 samples right of the centre of a 9-wide row, 1 below on a 3-high one.
+  KernelFile row{std::vector<double>(9, 0.0), 9, 1, {}};
+  row.values[7] = 1.0;
+  EXPECT_NE(OffCentreWarning(row, "k.txt").find("3.0 samples right and 0.0 down"),
+            std::string::npos);
+  EXPECT_NE(OffCentreWarning(row, "k.txt").find("--kernel-origin support"), std::string::npos);
+  KernelFile near{{0, 1, 0, 0, 1, 0, 0, 1, 1}, 3, 3, {}};  // 0.25 right, 0.25 down
+  EXPECT_EQ(OffCentreWarning(near, "k.txt"), "");
+}
+
+TEST(KernelFile, WritesKernelsThatReadBack) {
+  TempDir dir;
+  const std::vector<double> values{0.0, 0.125, 0.0, 0.125, 0.5, 0.125, 0.0, 0.125, 0.0};
+  for (const char* name : {"k.npy", "k.tif", "k.PNG"}) {
+    WriteKernelFile(dir / name, values, 3, 3);
+    const KernelFile back = ReadKernelFile(dir / name);
+    ASSERT_EQ(back.width * 10 + back.height, 33) << name;
+    // PNG keeps 16 bits of the kernel scaled to its peak.
+    const double scale = back.values[4] / 0.5;
+    for (size_t i = 0; i < values.size(); ++i)
+      EXPECT_NEAR(back.values[i], values[i] * scale, 2e-5) << name << " " << i;
+  }
+  test::ExpectRefused([&] { WriteKernelFile(dir / "k.jpg", values, 3, 3); }, "k.jpg", ".npy");
 }
 
 }  // namespace
