@@ -99,8 +99,8 @@ const char* NameOf(T value, const Choice<T> (&choices)[N]) {
 
 // The option strings as typed; empty when not given.
 struct RawOptions {
-  std::string kernel, output, format, noise, boundary, margins, origin, threads, jobs, depth,
-      jpegQuality, colorspace;
+  std::string kernel, kernelOut, output, format, noise, boundary, margins, origin, threads, jobs,
+      depth, jpegQuality, colorspace;
   bool refine = false, quiet = false, verbose = false, progress = false, skipExisting = false;
   std::vector<std::string> inputs;
 };
@@ -113,6 +113,7 @@ void DefineOptions(CLI::App& app, RawOptions& raw) {
   app.set_help_flag("-h,--help");
   app.set_version_flag("-V,--version", DeblurVersionText());
   app.add_option("-k,--kernel", raw.kernel);
+  app.add_option("--kernel-out", raw.kernelOut);
   app.add_option("-o,--output", raw.output);
   app.add_option("-f,--format", raw.format);
   app.add_option("-n,--noise", raw.noise);
@@ -213,10 +214,24 @@ DeblurSettings Check(const RawOptions& raw, const CLI::App& app) {
   if (!was("--kernel")) throw UsageError{"no kernel given (-k FILE)"};
   if (raw.kernel.empty()) Refuse("--kernel", "the file name is empty");
   s.kernelPath = raw.kernel;
+  if (IsKernelSpec(raw.kernel)) {
+    try {
+      s.kernelSpec = ParseKernelSpec(raw.kernel);
+    } catch (const Error& e) {
+      Refuse("--kernel", e.what());
+    }
+  }
   if (raw.inputs.empty()) throw UsageError{"no image given"};
   s.inputs = raw.inputs;
   for (const auto& input : s.inputs)
     if (input.empty()) throw UsageError{"an image's file name is empty"};
+  if (was("--kernel-out")) {
+    if (raw.kernelOut.empty()) Refuse("--kernel-out", "the file name is empty");
+    if ((s.engine.refineKernel || (s.kernelSpec && s.kernelSpec->automatic)) && s.inputs.size() > 1)
+      Refuse("--kernel-out",
+             "each image gets its own kernel (gaussian:auto, --refine-kernel); give one image");
+    s.kernelOut = raw.kernelOut;
+  }
   return s;
 }
 
@@ -260,9 +275,13 @@ std::string DeblurHelpText() {
              "Usage: marlith-deblur -k KERNEL [OPTION]... IMAGE...\n"
              "Restores images blurred by a known blur (non-blind deconvolution).\n"
              "\n"
-             "  -k, --kernel FILE          the blur kernel: an image (its luminance: draw it in\n"
+             "  -k, --kernel FILE|SHAPE    the blur kernel: an image (its luminance: draw it in\n"
              "                             any colour, light on dark), a text or CSV matrix\n"
-             "                             (.txt, .csv, .dat, .asc) or a NumPy array (.npy)\n"
+             "                             (.txt, .csv, .dat, .asc) or a NumPy array (.npy);\n"
+             "                             or a shape: gaussian:SIGMA, gaussian:auto (sigma\n"
+             "                             estimated from each image), disk:RADIUS,\n"
+             "                             motion:LENGTH,ANGLE (degrees anticlockwise)\n"
+             "      --kernel-out FILE      write the kernel the run used (.npy, .tif, .png)\n"
              "  -o, --output PATH          the result's file (one IMAGE), or a folder to write\n"
              "                             each result into under its image's name; default:\n"
              "                             beside each image as NAME-deblurred.EXT\n"
@@ -334,6 +353,7 @@ std::string DeblurHelpText() {
          "  marlith-deblur -k psf.npy --depth float -o restored.tif cells.tif\n"
          "  marlith-deblur -k kernel.png -o restored/ --jobs 2 *.jpg\n"
          "  marlith-deblur -k kernel.csv --noise 0.05 --boundary periodic test.png\n"
+         "  marlith-deblur -k gaussian:auto -v -o sharp.png soft.png\n"
          "\n"
          "Exit status: 0 when every image was restored; 1 when an image, the kernel or an\n"
          "output could not be used (the message names the file); 2 for a usage error;\n"

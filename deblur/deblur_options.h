@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "marlith/deconvolve.hpp"
+#include "marlith/kernels.hpp"
 
 namespace marlith {
 
@@ -17,7 +18,9 @@ enum class DepthChoice { kSame, k8, k16, kFloat };
 enum class Verbosity { kQuiet, kNormal, kVerbose };
 
 struct DeblurSettings {
-  std::string kernelPath;
+  std::string kernelPath;                // as given after -k: a file, or a generator's spec
+  std::optional<KernelSpec> kernelSpec;  // when kernelPath is a spec ("gaussian:2.5", ...)
+  std::string kernelOut;  // --kernel-out: where the kernel the run used is written; empty: not
   std::vector<std::string> inputs;
   // A file (one input only) or a folder (several inputs, or a name ending in '/' or naming a
   // folder that exists). Empty: each result beside its input, named "<stem>-deblurred<ext>".

@@ -13,6 +13,7 @@
 #include "image/image_io.h"
 #include "image/kernel_file.h"
 #include "marlith/error.hpp"
+#include "marlith/kernels.hpp"
 
 namespace marlith {
 
@@ -30,6 +31,7 @@ ProgressDisplay::Mode DisplayMode(const DeblurSettings& s) {
 // When the kernel cannot be used and is an image larger than the first image, the two were
 // likely given the wrong way round: a sentence saying so, else "".
 std::string SwapHint(const DeblurSettings& s) {
+  if (s.kernelSpec) return "";
   try {
     if (ImageFileTypeFromPath(s.kernelPath) == ImageFileType::kUnknown) return "";
     const LoadedImage kernel = ReadImageFile(s.kernelPath);
@@ -42,6 +44,13 @@ std::string SwapHint(const DeblurSettings& s) {
   } catch (const std::exception&) {
     return "";
   }
+}
+
+std::vector<double> NormalisedValues(std::vector<double> values) {
+  double sum = 0.0;
+  for (double v : values) sum += v;
+  for (double& v : values) v /= sum;
+  return values;
 }
 
 std::string Seconds(double s) {
@@ -65,6 +74,9 @@ std::vector<std::string> Describe(const PlannedImage& plan, const RestoredImage&
                   (r.colourChannels == 1 ? "grey" : "colour") + (r.hasAlpha ? " and alpha" : "") +
                   ", " + SampleDepthWords(r.inputDepth) + " samples");
   lines.push_back(name + "tone curve " + r.light);
+  if (s.kernelSpec && s.kernelSpec->automatic)
+    lines.push_back(name + "Gaussian sigma " + Number(r.estimatedSigma) +
+                    " (gaussian:auto, estimated from the image)");
   if (s.engine.noise) {
     lines.push_back(name + "noise strength " + Number(r.report.noiseStrength) + " (given)");
   } else {
@@ -117,10 +129,28 @@ int RunDeblur(const DeblurSettings& s, const std::atomic<int>& interrupt) {
 
   KernelFile kernel;
   try {
-    kernel = ReadKernelFile(s.kernelPath);
+    if (!s.kernelSpec) {
+      kernel = ReadKernelFile(s.kernelPath);
+      if (s.engine.kernelOrigin == KernelOrigin::kCenter)
+        if (std::string w = OffCentreWarning(kernel, s.kernelPath); !w.empty())
+          kernel.warnings.push_back(std::move(w));
+    } else if (!s.kernelSpec->automatic) {
+      Kernel k = MakeKernel(*s.kernelSpec);
+      kernel = {std::move(k.values), k.width, k.height, {}};
+    }
   } catch (const Error& e) {
     std::fprintf(stderr, "%s%s%s\n", kProgram, e.what(), SwapHint(s).c_str());
     return kExitFailure;
+  }
+  // A kernel the images do not change is written before the run, a failure before any work.
+  const bool kernelPerImage = s.engine.refineKernel || (s.kernelSpec && s.kernelSpec->automatic);
+  if (!s.kernelOut.empty() && !kernelPerImage) {
+    try {
+      WriteKernelFile(s.kernelOut, NormalisedValues(kernel.values), kernel.width, kernel.height);
+    } catch (const Error& e) {
+      std::fprintf(stderr, "%s--kernel-out: %s\n", kProgram, e.what());
+      return kExitFailure;
+    }
   }
   if (s.verbosity != Verbosity::kQuiet)
     for (const std::string& w : kernel.warnings)
@@ -145,6 +175,8 @@ int RunDeblur(const DeblurSettings& s, const std::atomic<int>& interrupt) {
               display.Update(i, p.input, phase, fraction);
               return interrupt.load() == 0;
             });
+        if (!s.kernelOut.empty() && kernelPerImage)
+          WriteKernelFile(s.kernelOut, NormalisedValues(r.kernel), r.kernelWidth, r.kernelHeight);
         ++restored;
         if (s.verbosity != Verbosity::kQuiet)
           for (const std::string& w : r.warnings) display.Message(kProgram + ("warning: " + w));

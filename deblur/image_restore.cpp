@@ -3,6 +3,7 @@
 #include <chrono>
 
 #include "marlith/error.hpp"
+#include "marlith/kernels.hpp"
 
 namespace marlith {
 
@@ -41,6 +42,22 @@ class PhaseClock {
   Clock::time_point start_;
   bool open_ = false;
 };
+
+// gaussian:auto: the Gaussian whose sigma the image's colour planes, in linear light, give.
+KernelFile EstimateKernel(const std::string& name, const LoadedImage& image, const ToneCurve& curve,
+                          RestoredImage& result) {
+  const size_t samples = static_cast<size_t>(image.width) * image.height * image.colourChannels;
+  std::vector<double> light(image.planes.begin(), image.planes.begin() + samples);
+  for (double& v : light) v = LinearLight(curve, v);
+  try {
+    result.estimatedSigma =
+        EstimateGaussianSigma(light, image.width, image.height, image.colourChannels);
+  } catch (const Error& e) {
+    throw Error(name + ": gaussian:auto: " + e.what());
+  }
+  Kernel k = GaussianKernel(result.estimatedSigma);
+  return {std::move(k.values), k.width, k.height, {}};
+}
 
 }  // namespace
 
@@ -114,6 +131,10 @@ RestoredImage RestoreImage(const PlannedImage& plan, const KernelFile& kernel,
   result.light = curve.description;
   if (!curve.warning.empty()) result.warnings.push_back(plan.input + ": " + curve.warning);
   options.threads = threads;
+  KernelFile estimated;
+  const KernelFile& used = settings.kernelSpec && settings.kernelSpec->automatic
+                               ? (estimated = EstimateKernel(plan.input, image, curve, result))
+                               : kernel;
   report("preparation", kReadShare);
   options.progress = [&](std::string_view phase, double fraction) {
     if (phase == "done") return true;
@@ -121,8 +142,7 @@ RestoredImage RestoreImage(const PlannedImage& plan, const KernelFile& kernel,
     return !progress || progress(phase, kReadShare + (1.0 - kReadShare - kWriteShare) * fraction);
   };
   try {
-    result.report =
-        Deconvolve(colour, {kernel.values, kernel.width, kernel.height}, colour, options);
+    result.report = Deconvolve(colour, {used.values, used.width, used.height}, colour, options);
   } catch (const Cancelled&) {
     throw;
   } catch (const Error& e) {
@@ -133,6 +153,16 @@ RestoredImage RestoreImage(const PlannedImage& plan, const KernelFile& kernel,
                  ": the image and the kernel may be swapped; the kernel is the file after -k)";
     }
     throw Error(message);
+  }
+
+  if (options.refineKernel) {
+    result.kernel = result.report.kernel;
+    result.kernelWidth = result.report.kernelWidth;
+    result.kernelHeight = result.report.kernelHeight;
+  } else {
+    result.kernel = used.values;
+    result.kernelWidth = used.width;
+    result.kernelHeight = used.height;
   }
 
   report("writing", 1.0 - kWriteShare);

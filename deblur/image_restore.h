@@ -30,6 +30,10 @@ struct RestoredImage {
   std::string light;  // the tone curve the image was restored through (ToneCurve::description)
   std::vector<std::pair<std::string, double>> phaseSeconds;  // in the order they ran
   std::vector<std::string> warnings;
+  double estimatedSigma = 0.0;  // gaussian:auto: the sigma estimated from the image
+  // The kernel the run used: the one given, generated for the image, or refined.
+  std::vector<double> kernel;
+  int kernelWidth = 0, kernelHeight = 0;
 };
 
 // The depth a result is written with: the one chosen, or for DepthChoice::kSame the input's,
@@ -39,10 +43,11 @@ SampleDepth ResultDepth(DepthChoice choice, SampleDepth input, ImageFileType typ
 
 // Reads image.input, restores its colour channels with kernel under settings.engine (with
 // threads for settings.engine.threads), copies its alpha channel unchanged and writes the
-// result to image.output at ResultDepth, keeping the ICC profile and EXIF; the file is written
-// whole or not at all. Throws marlith::Error with one line naming the file at fault (a
-// kernel larger than the image also says the two may have been swapped), Cancelled when
-// progress says to stop, std::bad_alloc when memory runs out.
+// result to image.output at ResultDepth (with "gaussian:auto" in settings.kernelSpec, kernel is
+// not used: a Gaussian is estimated from the image's light), keeping the ICC profile and EXIF; the
+// file is written whole or not at all. Throws marlith::Error with one line naming the file at fault
+// (a kernel larger than the image also says the two may have been swapped), Cancelled when progress
+// says to stop, std::bad_alloc when memory runs out.
 RestoredImage RestoreImage(const PlannedImage& image, const KernelFile& kernel,
                            const DeblurSettings& settings, int threads,
                            const ImageProgress& progress);

@@ -21,7 +21,7 @@ import numpy as np
 
 from . import _core
 
-__all__ = ["deconvolve", "estimate_noise", "NoiseEstimate", "__version__"]
+__all__ = ["deconvolve", "estimate_noise", "NoiseEstimate", "kernels", "__version__"]
 
 __version__: str = _core.__version__
 
@@ -70,7 +70,11 @@ def _image_array(image, name: str = "image") -> np.ndarray:
     return a
 
 
-def _kernel_array(kernel) -> np.ndarray:
+def _kernel_array(kernel, image=None, colorspace="linear") -> np.ndarray:
+    if isinstance(kernel, str):
+        if kernel == "gaussian:auto":
+            return kernels.gaussian(kernels.estimate_gaussian_sigma(image, colorspace=colorspace))
+        return _core.shape_kernel(kernel)
     k = np.asarray(kernel)
     if k.dtype.kind not in "biuf":
         raise TypeError(f"the kernel's values must be real numbers, not {k.dtype}")
@@ -150,9 +154,11 @@ def deconvolve(
         and uint16 samples are scaled by their full range; float32 and float64 samples are
         taken on the [0, 1] scale. Every channel is restored on its own; a fourth channel is
         alpha and is copied unchanged.
-    kernel : array_like, shape (KH, KW)
+    kernel : array_like, shape (KH, KW), or str
         The blur kernel, real numbers on any scale: it is normalised to sum 1. Every value
-        must be finite and non-negative, and their sum positive.
+        must be finite and non-negative, and their sum positive. Or a shape (see
+        :mod:`marlith.kernels`): ``"gaussian:SIGMA"``, ``"disk:RADIUS"``,
+        ``"motion:LENGTH,ANGLE"``, or ``"gaussian:auto"`` (sigma estimated from the image).
     noise : float or "auto", optional
         Noise strength: smaller restores more detail and more noise (0.1 suits about 1 %
         noise). "auto" estimates it from the image (see :func:`estimate_noise`).
@@ -209,7 +215,7 @@ def deconvolve(
     """
     original = np.asarray(image)
     a = _image_array(original)
-    k = _kernel_array(kernel)
+    k = _kernel_array(kernel, original, colorspace)
     options = dict(
         noise=_noise_option(noise),
         boundary=boundary,
@@ -270,3 +276,6 @@ def estimate_noise(image: np.ndarray) -> NoiseEstimate:
     if a.ndim == 3 and a.shape[2] == 4:
         a = a[..., :3]
     return NoiseEstimate(*_core.estimate_noise(a))
+
+
+from . import kernels  # noqa: E402  (uses _image_array above)

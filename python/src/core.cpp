@@ -7,14 +7,17 @@
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <limits>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "marlith/deconvolve.hpp"
+#include "marlith/kernels.hpp"
 
 namespace py = pybind11;
 
@@ -174,6 +177,26 @@ py::tuple EstimateNoise(const py::array& image) {
   return py::make_tuple(report.level, report.strength);
 }
 
+// The kernel a spec names ("gaussian:1.6", "disk:3", "motion:15,30"), as a (height, width)
+// float64 array.
+py::array_t<double> ShapeKernel(const std::string& spec) {
+  const marlith::Kernel k = marlith::MakeKernel(marlith::ParseKernelSpec(spec));
+  py::array_t<double> out({k.height, k.width});
+  std::copy(k.values.begin(), k.values.end(), out.mutable_data());
+  return out;
+}
+
+// EstimateGaussianSigma of a (height, width, channels) float64 array in linear light.
+double EstimateGaussianSigma(const py::array_t<double, py::array::c_style>& light) {
+  std::vector<double> planes(static_cast<std::size_t>(light.size()));
+  const auto h = light.shape(0), w = light.shape(1), c = light.shape(2);
+  for (py::ssize_t i = 0; i < h * w; ++i)
+    for (py::ssize_t k = 0; k < c; ++k) planes[k * h * w + i] = light.data()[i * c + k];
+  py::gil_scoped_release release;
+  return marlith::EstimateGaussianSigma(planes, static_cast<int32_t>(w), static_cast<int32_t>(h),
+                                        static_cast<int32_t>(c));
+}
+
 // The options' defaults, read from the C++ options record, in the Python words.
 py::dict DefaultOptions() {
   const marlith::DeconvolveOptions defaults;
@@ -207,5 +230,7 @@ PYBIND11_MODULE(_core, m) {
         py::arg("refine_kernel"), py::arg("threads"), py::arg("progress"), py::arg("colorspace"));
   m.def("estimate_noise", &EstimateNoise, py::arg("image"));
   m.def("default_options", &DefaultOptions);
+  m.def("shape_kernel", &ShapeKernel, py::arg("spec"));
+  m.def("estimate_gaussian_sigma", &EstimateGaussianSigma, py::arg("light"));
   m.attr("__version__") = MARLITH_VERSION;
 }

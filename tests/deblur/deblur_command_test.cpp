@@ -27,7 +27,8 @@ bool Has(const std::string& text, const std::string& part) {
 }
 
 // A fresh folder made the working directory, holding as k.png a 9 x 5 kernel whose motion blur
-// lies off its centre (so that its origin matters); the names below are files in it.
+// lies off its centre (so that its origin matters, and a run warns of it); the names below are
+// files in it.
 struct Files {
   TempDir dir;
   const fs::path previous = fs::current_path();
@@ -117,10 +118,28 @@ TEST(DeblurCommand, RestoresEachKindOfImageAsTheApiDoesKeepingWhatTheFileHolds) 
   };
   const SampleDepth k8 = SampleDepth::k8, k16 = SampleDepth::k16, kFloat = SampleDepth::kFloat;
   const Row rows[] = {
-      {"g16.png", 1, k16, {"--noise", "0.02"}, "g.png", k16, ""},
-      {"g16.png", 1, k16, {}, "g.jpg", k8, "JPEG cannot hold 16-bit"},
+      {"g16.png",
+       1,
+       k16,
+       {"--noise", "0.02"},
+       "g.png",
+       k16,
+       "centroid lies 1.2 samples left and 0.9 up"},
+      {"g16.png",
+       1,
+       k16,
+       {},
+       "g.jpg",
+       k8,
+       "JPEG cannot hold 16-bit;centroid lies 1.2 samples left and 0.9 up"},
       {"f.tif", 1, kFloat, {"--quiet"}, "fq.png", k16, ""},
-      {"f.tif", 1, kFloat, {"--progress"}, "of.tif", kFloat, "deconvolution;100 %;writing"},
+      {"f.tif",
+       1,
+       kFloat,
+       {"--progress"},
+       "of.tif",
+       kFloat,
+       "deconvolution;100 %;writing;centroid lies 1.2 samples left and 0.9 up"},
       {"rgba.png",
        4,
        k8,
@@ -129,8 +148,8 @@ TEST(DeblurCommand, RestoresEachKindOfImageAsTheApiDoesKeepingWhatTheFileHolds) 
        k8,
        "64 x 48, colour and alpha;tone curve like gamma 2.2 (the ICC profile's;noise level;s in "
        "all"},
-      {"ga.png", 2, k8, {"-d", "16"}, "ga16.png", k16, ""},
-      {"in.jpg", 3, k8, {}, "o.jpg", k8, ""},
+      {"ga.png", 2, k8, {"-d", "16"}, "ga16.png", k16, "centroid lies 1.2 samples left and 0.9 up"},
+      {"in.jpg", 3, k8, {}, "o.jpg", k8, "centroid lies 1.2 samples left and 0.9 up"},
   };
   for (const Row& row : rows) {
     const int colours = row.channels > 2 ? 3 : 1;
