@@ -146,7 +146,7 @@ int32_t RunFileMode(const DeconvFileJob& job, int32_t variant) {
     if (!kernelLoaded && !LoadImage(kernelImage, job.kernelFile)) return -1;
     return RunLoaded(job, variant, input, kernelImage, setupAhead.get());
   } catch (const std::bad_alloc&) {
-    std::printf("Cannot deblur %s with kernel %s: out of memory\n", job.inputImageFile.c_str(),
+    std::printf("Cannot deblur %s with kernel %s: not enough memory\n", job.inputImageFile.c_str(),
                 job.kernelFile.c_str());
   } catch (const std::exception& e) {
     // marlith::Error and anything a library let through: one line, never a crash.

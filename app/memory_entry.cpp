@@ -46,7 +46,7 @@ extern "C" int32_t marlithDeconvolve(const double* inputData, double* outputData
   } catch (const marlith::Error& e) {
     std::printf("marlithDeconvolve: %s\n", e.what());
   } catch (const std::bad_alloc&) {
-    std::printf("marlithDeconvolve: out of memory\n");
+    std::printf("marlithDeconvolve: not enough memory\n");
   } catch (const std::exception& e) {
     std::printf("marlithDeconvolve: %s\n", e.what());
   }

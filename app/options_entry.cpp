@@ -24,7 +24,7 @@ int32_t Guarded(const char* what, Body body) {
     lastError = e.what();
     return MARLITH_CANCELLED;
   } catch (const std::bad_alloc&) {
-    lastError = std::string(what) + ": out of memory";
+    lastError = std::string(what) + ": not enough memory";
   } catch (const std::exception& e) {
     lastError = std::string(what) + ": " + e.what();
   } catch (...) {

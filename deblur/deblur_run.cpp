@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <new>
+#include <system_error>
 #include <thread>
 
 #include "deblur/image_restore.h"
@@ -200,7 +201,12 @@ int RunDeblur(const DeblurSettings& s, const std::atomic<int>& interrupt) {
     }
   };
   std::vector<std::thread> workers;
-  for (int j = 1; j < jobs; ++j) workers.emplace_back(work);
+  // A job thread the system refuses (too many threads for the user) leaves its images to the
+  // others.
+  try {
+    for (int j = 1; j < jobs; ++j) workers.emplace_back(work);
+  } catch (const std::system_error&) {
+  }
   work();
   for (std::thread& t : workers) t.join();
   display.Close();

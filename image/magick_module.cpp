@@ -6,6 +6,8 @@
 
 #include <exception>
 #include <mutex>
+#include <new>
+#include <string>
 
 #include "image/image_metadata.h"
 #include "image/size_check.h"
@@ -16,6 +18,22 @@ namespace {
 
 // The readers and writers below move samples as 16-bit quanta.
 static_assert(MaxRGB == 65535, "GraphicsMagick must be built with 16-bit quanta (Q16)");
+
+// GraphicsMagick's exception in the tool's words: "Magick: Insufficient image data in file ()
+// reported by coders/jpeg.c:1692 (ReadJPEGImage)" becomes "Insufficient image data in file"; the
+// source file and function are GraphicsMagick's own business. Running out of memory (either as
+// std::bad_alloc or as GraphicsMagick's "Memory allocation failed") is "not enough memory".
+std::string Reason(const std::exception& e) {
+  std::string what = e.what();
+  if (dynamic_cast<const std::bad_alloc*>(&e) ||
+      what.find("Memory allocation failed") != std::string::npos)
+    return "not enough memory";
+  if (what.starts_with("Magick: ")) what.erase(0, 8);
+  if (const size_t at = what.find(" reported by "); at != std::string::npos) what.erase(at);
+  if (what.ends_with(" ()")) what.erase(what.size() - 3);
+  if (what == "Read Exception" || what.empty()) return "the file cannot be decoded";
+  return what;
+}
 
 // Decodes blob into image as format (a GraphicsMagick format name), or by its content when
 // format is null. Reads the header first and refuses images outside 1 to kMaxImagePixels pixels
@@ -39,7 +57,7 @@ bool DecodeImageBlob(const Magick::Blob& blob, const char* format, const std::st
   } catch (const Magick::Warning& w) {
     // A warning from a decoder that delivered an image (an unknown chunk, say) is not a
     // failure, but a truncated or corrupt stream is: its pixels would be partly invented.
-    const std::string what = w.what();
+    const std::string what = Reason(w);
     if (image.columns() == 0 || what.find("orrupt") != std::string::npos ||
         what.find("remature") != std::string::npos || what.find("runcat") != std::string::npos ||
         what.find("nexpected end") != std::string::npos) {
@@ -47,7 +65,7 @@ bool DecodeImageBlob(const Magick::Blob& blob, const char* format, const std::st
       return false;
     }
   } catch (const std::exception& e) {
-    error = path + ": " + e.what();
+    error = path + ": " + Reason(e);
     if (error.find("resource limit") != std::string::npos) {
       error += " (images of at most " + std::to_string(kMaxImagePixels) + " pixels are accepted)";
     }
@@ -82,7 +100,7 @@ bool DecodeContainer(std::string_view bytes, const char* format, const std::stri
     }
     return true;
   } catch (const std::exception& e) {
-    error = path + ": " + e.what();
+    error = path + ": " + Reason(e);
     return false;
   }
 }
@@ -102,7 +120,7 @@ bool EncodeContainer(const uint8_t* rgb, int32_t width, int32_t height, const ch
     bytes.assign(static_cast<const char*>(blob.data()), blob.length());
     return true;
   } catch (const std::exception& e) {
-    error = e.what();
+    error = Reason(e);
     return false;
   }
 }
@@ -175,7 +193,7 @@ bool Read(std::string_view bytes, const std::string& path, LoadedImage& out, std
     }
     return true;
   } catch (const std::exception& e) {
-    error = path + ": " + e.what();
+    error = path + ": " + Reason(e);
     return false;
   }
 }
@@ -262,7 +280,7 @@ bool Encode(const LoadedImage& image, ImageFileType type, SampleDepth depth, int
     }
     return true;
   } catch (const std::exception& e) {
-    error = e.what();
+    error = Reason(e);
     return false;
   }
 }
@@ -281,6 +299,10 @@ marlith_magick_module() {
     MagickLib::SetMagickResourceLimit(MagickLib::PixelsResource, marlith::kMaxImagePixels);
     MagickLib::SetMagickResourceLimit(MagickLib::WidthResource, 1 << 20);
     MagickLib::SetMagickResourceLimit(MagickLib::HeightResource, 1 << 20);
+    // GraphicsMagick's OpenMP loops run on the calling thread only: libgomp ends the whole
+    // process when it cannot start a thread ("libgomp: Thread creation failed", naming no file),
+    // where one thread reads and writes as well and the engine's pool does the parallel work.
+    MagickLib::SetMagickResourceLimit(MagickLib::ThreadsResource, 1);
   });
   static const marlith::MagickModule module{marlith::DecodeContainer, marlith::EncodeContainer,
                                             marlith::Read, marlith::Encode, marlith::CanWriteWebp};

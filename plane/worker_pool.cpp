@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -66,8 +67,7 @@ class Pool {
   bool TryRun(int jobs, int threads, const std::function<void(int)>& work) {
     std::unique_lock<std::mutex> use(useMutex_, std::try_to_lock);
     if (!use.owns_lock()) return false;
-    const int helpers = std::min({jobs, threads, kMaxHelpers + 1}) - 1;
-    StartWorkers(helpers);
+    const int helpers = StartWorkers(std::min({jobs, threads, kMaxHelpers + 1}) - 1);
     work_ = &work;
     done_.store(0, std::memory_order_relaxed);
     {
@@ -86,12 +86,19 @@ class Pool {
   }
 
  private:
-  void StartWorkers(int count) {
-    while (static_cast<int>(workers_.size()) < count) {
-      const int index = static_cast<int>(workers_.size());
-      workers_.emplace_back([this, index] { WorkerLoop(index); });
-      workers_.back().detach();
+  // Starts workers until there are count and returns how many of them there are: a thread the
+  // system refuses (too many threads or processes for the user) leaves the work to fewer
+  // threads rather than failing it.
+  int StartWorkers(int count) {
+    try {
+      while (static_cast<int>(workers_.size()) < count) {
+        const int index = static_cast<int>(workers_.size());
+        workers_.emplace_back([this, index] { WorkerLoop(index); });
+        workers_.back().detach();
+      }
+    } catch (const std::system_error&) {
     }
+    return std::min(count, static_cast<int>(workers_.size()));
   }
 
   // Claims and runs jobs of the given generation until none is left.

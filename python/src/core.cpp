@@ -223,6 +223,8 @@ PYBIND11_MODULE(_core, m) {
       if (p) std::rethrow_exception(p);
     } catch (const marlith::Error& e) {
       PyErr_SetString(PyExc_ValueError, e.what());
+    } catch (const std::bad_alloc&) {  // pybind11 would say "std::bad_alloc"
+      PyErr_SetString(PyExc_MemoryError, "not enough memory to restore the image");
     }
   });
   m.def("deconvolve", &Deconvolve, py::arg("image"), py::arg("kernel"), py::arg("output"),

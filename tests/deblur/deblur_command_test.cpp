@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "image/image_io.h"
@@ -36,7 +37,10 @@ struct Files {
     fs::current_path(dir.path());
     std::vector<double> k(45, 0.0);
     for (int x = 0; x < 6; ++x) k[x / 2 * 9 + x] = 0.5 + x / 16.0;
-    WriteImageFile("k.png", {9, 5, 1, false, k, SampleDepth::k8, "", ""}, SampleDepth::k8, 95);
+    LoadedImage kernel;
+    std::tie(kernel.width, kernel.height, kernel.colourChannels, kernel.planes) =
+        std::tuple(9, 5, 1, k);
+    WriteImageFile("k.png", kernel, SampleDepth::k8, 95);
   }
   ~Files() { fs::current_path(previous); }
 };
@@ -50,7 +54,10 @@ void WriteImage(const std::string& name, int channels, SampleDepth depth,
   std::vector<double> planes = RandomValues(size_t(w) * h * colours, 3, 0.2, 0.8);
   const std::vector<double> a = RandomValues(size_t(w) * h * alpha, 4, 0.0, 1.0);
   planes.insert(planes.end(), a.begin(), a.end());
-  const LoadedImage image{w, h, colours, alpha, planes, depth, icc, exif};
+  LoadedImage image;
+  std::tie(image.width, image.height, image.colourChannels, image.hasAlpha, image.planes) =
+      std::tuple(w, h, colours, alpha, planes);
+  std::tie(image.depth, image.iccProfile, image.exif) = std::tuple(depth, icc, exif);
   WriteImageFile(name, image, depth, 100);
 }
 

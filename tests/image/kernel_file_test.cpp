@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <tuple>
 
 #include "image/image_io.h"
 #include "marlith/error.hpp"
@@ -42,7 +43,10 @@ std::string Bytes(std::initializer_list<T> values, bool bigEndian = false) {
 }
 
 LoadedImage Grey(int w, int h, double level) {
-  return {w, h, 1, false, std::vector<double>(size_t(w) * h, level), SampleDepth::k8, "", ""};
+  LoadedImage image;
+  std::tie(image.width, image.height, image.colourChannels) = std::tuple(w, h, 1);
+  image.planes.assign(size_t(w) * h, level);
+  return image;
 }
 
 TEST(KernelFile, ReadsTextCsvAndNpyMatricesRowByRow) {
