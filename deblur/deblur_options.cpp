@@ -139,7 +139,8 @@ std::string DescribeParseError(const CLI::ParseError& e) {
   if (const size_t newline = message.find('\n'); newline != std::string::npos)
     message.resize(newline);
   const std::string kind = e.get_name();
-  if (kind == "ExtrasError") {
+  // By type: CLI11 names some ExtrasErrors after the program instead of their kind.
+  if (dynamic_cast<const CLI::ExtrasError*>(&e)) {
     const std::string prefix = "The following argument was not expected: ";
     if (message.rfind(prefix, 0) == 0) return "unknown option " + message.substr(prefix.size());
     return "unknown options: " + message.substr(message.find(':') + 2);

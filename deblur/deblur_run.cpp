@@ -100,7 +100,7 @@ std::vector<std::string> Describe(const PlannedImage& plan, const RestoredImage&
 
 void PrintUsageError(const std::string& message) {
   std::fprintf(stderr, "%s%s\nTry 'marlith-deblur --help' for more information.\n", kProgram,
-               message.c_str());
+               Printable(message).c_str());
 }
 
 int RunDeblur(const DeblurSettings& s, const std::atomic<int>& interrupt) {
@@ -111,7 +111,7 @@ int RunDeblur(const DeblurSettings& s, const std::atomic<int>& interrupt) {
     PrintUsageError(e.what());
     return kExitUsage;
   } catch (const Error& e) {
-    std::fprintf(stderr, "%s%s\n", kProgram, e.what());
+    std::fprintf(stderr, "%s%s\n", kProgram, Printable(e.what()).c_str());
     return kExitFailure;
   }
 
@@ -121,8 +121,8 @@ int RunDeblur(const DeblurSettings& s, const std::atomic<int>& interrupt) {
       std::error_code ignored;
       if (!std::filesystem::exists(p.output, ignored)) return false;
       if (s.verbosity == Verbosity::kVerbose)
-        std::fprintf(stderr, "%s%s: skipped, %s exists\n", kProgram, p.input.c_str(),
-                     p.output.c_str());
+        std::fprintf(stderr, "%s%s: skipped, %s exists\n", kProgram, Printable(p.input).c_str(),
+                     Printable(p.output).c_str());
       return true;
     });
     if (plan.empty()) return kExitSuccess;
@@ -140,7 +140,8 @@ int RunDeblur(const DeblurSettings& s, const std::atomic<int>& interrupt) {
       kernel = {std::move(k.values), k.width, k.height, {}};
     }
   } catch (const Error& e) {
-    std::fprintf(stderr, "%s%s%s\n", kProgram, e.what(), SwapHint(s).c_str());
+    std::fprintf(stderr, "%s%s%s\n", kProgram, Printable(e.what()).c_str(),
+                 Printable(SwapHint(s)).c_str());
     return kExitFailure;
   }
   // A kernel the images do not change is written before the run, a failure before any work.
@@ -149,13 +150,13 @@ int RunDeblur(const DeblurSettings& s, const std::atomic<int>& interrupt) {
     try {
       WriteKernelFile(s.kernelOut, NormalisedValues(kernel.values), kernel.width, kernel.height);
     } catch (const Error& e) {
-      std::fprintf(stderr, "%s--kernel-out: %s\n", kProgram, e.what());
+      std::fprintf(stderr, "%s--kernel-out: %s\n", kProgram, Printable(e.what()).c_str());
       return kExitFailure;
     }
   }
   if (s.verbosity != Verbosity::kQuiet)
     for (const std::string& w : kernel.warnings)
-      std::fprintf(stderr, "%swarning: %s\n", kProgram, w.c_str());
+      std::fprintf(stderr, "%swarning: %s\n", kProgram, Printable(w).c_str());
 
   const int images = static_cast<int>(plan.size());
   const int jobs = std::min(s.jobs, images);

@@ -8,6 +8,7 @@
 
 #include "deblur/deblur_options.h"
 #include "deblur/deblur_run.h"
+#include "deblur/progress_display.h"
 #include "image/file_bytes.h"
 
 namespace {
@@ -64,7 +65,7 @@ int main(int argc, char** argv) {
   } catch (const std::bad_alloc&) {
     std::fputs("marlith-deblur: not enough memory\n", stderr);
   } catch (const std::exception& e) {
-    std::fprintf(stderr, "marlith-deblur: %s\n", e.what());
+    std::fprintf(stderr, "marlith-deblur: %s\n", marlith::Printable(e.what()).c_str());
   }
   return marlith::kExitFailure;
 }

@@ -19,6 +19,23 @@ std::string ShortName(const std::string& name) {
 
 }  // namespace
 
+std::string Printable(std::string_view text) {
+  constexpr size_t kLongest = 1000;
+  std::string shown;
+  for (const char c : text.substr(0, kLongest)) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte >= 0x20 && byte != 0x7f) {
+      shown += c;
+    } else {
+      char escaped[5];
+      std::snprintf(escaped, sizeof escaped, "\\x%02x", byte);
+      shown += escaped;
+    }
+  }
+  if (text.size() > kLongest) shown += "...";
+  return shown;
+}
+
 std::string FormatDuration(double seconds) {
   const long total = std::lround(std::max(0.0, seconds));
   char text[32];
@@ -40,7 +57,7 @@ void ProgressDisplay::Update(int image, std::string_view name, std::string_view 
   Slot& slot = slots_.at(static_cast<size_t>(image));
   if (slot.finished) return;
   const bool newPhase = slot.phase != phase;
-  slot.name = name;
+  slot.name = Printable(name);
   slot.phase = phase;
   slot.fraction = std::clamp(fraction, 0.0, 1.0);
   slot.running = true;
@@ -58,7 +75,7 @@ void ProgressDisplay::Finish(int image) {
 void ProgressDisplay::Message(const std::string& line) {
   std::lock_guard lock(mutex_);
   ClearLocked();
-  std::fprintf(stream_, "%s\n", line.c_str());
+  std::fprintf(stream_, "%s\n", Printable(line).c_str());
   std::fflush(stream_);
 }
 

@@ -12,6 +12,11 @@
 
 namespace marlith {
 
+// text as it may go to a terminal: control characters (escape sequences, bells, carriage
+// returns, from a binary file's bytes or a file's name) written as \xNN, and past 1000 bytes cut
+// with "...". Other bytes, UTF-8 included, pass as they are.
+std::string Printable(std::string_view text);
+
 class ProgressDisplay {
  public:
   enum class Mode {

@@ -292,9 +292,12 @@ KernelFile ParseKernelText(std::string_view text, const std::string& name) {
       double v = 0.0;
       const auto [parsed, error] = std::from_chars(token.data(), token.data() + token.size(), v);
       if (error != std::errc() || parsed != token.data() + token.size()) {
-        throw Error(name + ": line " + std::to_string(lineNumber) + ": '" + std::string(token) +
-                    (error == std::errc::result_out_of_range ? "' is out of a double's range"
-                                                             : "' is not a number"));
+        // Cut: a binary file's "token" may run for kilobytes, and a NUL would end the message.
+        const std::string shown(token.substr(0, std::min<size_t>(40, token.find('\0'))));
+        throw Error(name + ": line " + std::to_string(lineNumber) + ": '" + shown +
+                    (shown.size() < token.size() ? "...'" : "'") +
+                    (error == std::errc::result_out_of_range ? " is out of a double's range"
+                                                             : " is not a number"));
       }
       kernel.values.push_back(v);
       ++count;

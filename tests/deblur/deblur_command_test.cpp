@@ -81,7 +81,10 @@ TEST(DeblurCommand, AnswersHelpAndVersionAndRefusesBeforeTheRun) {
       {{"-k", "k.png", "--threads", "smooth", "in.png"}, 2, "--threads: 'smooth'"},
       {{"-k", "k.png", "--boundary", "1", "in.png"}, 2, "--boundary: '1' is not one of smooth"},
       {{"-k", "k.png", "--colorspace", "sRGB", "in.png"}, 2, "--colorspace: 'sRGB' is not one of"},
-      {{"-k", "k.png", "--bogus", "in.png"}, 2, "--bogus"},
+      {{"-k", "k.png", "--bogus", "in.png"}, 2, "unknown option --bogus"},
+      {{"-k", "k.png", "--output=", "in.png"}, 2, "--output: the value after '=' is empty"},
+      {{"-k", "k.png", "--noise", "\x1b[2J", "in.png"}, 2, "--noise: '\\x1b[2J' is not"},
+      {{"-k", "esc.txt", "in.png"}, 1, "esc.txt: line 1: '\\x1b[31mred\\x07' is not"},
       {{"-k", "k.png", "in.png", "--jpeg-quality"}, 2, "--jpeg-quality"},
       {{"-k", "k.png", "-o", "in.png", "in.png"}, 2, "over the image"},
       {{"-k", "k.png", "-o", "k.png", "in.png"}, 2, "over the kernel"},
@@ -94,6 +97,7 @@ TEST(DeblurCommand, AnswersHelpAndVersionAndRefusesBeforeTheRun) {
       {{"-k", "in.png", "-o", "o.png", "k.png"}, 1, "swapped"},
       {{"-k", "k.png", "-o", "o.pgm", "in.png"}, 1, "grey images only"},
   };
+  WriteFileBytes("esc.txt", "0.5 \x1b[31mred\x07 0.5\n");  // colours the terminal, rings
   const std::string before = ReadFileBytes("in.png"), kernelBefore = ReadFileBytes("k.png");
   for (const Row& row : rows) {
     std::vector<std::string> args = row.args;
@@ -102,8 +106,9 @@ TEST(DeblurCommand, AnswersHelpAndVersionAndRefusesBeforeTheRun) {
     const std::string what = args.empty() ? "no arguments" : args[args.size() / 2];
     EXPECT_EQ(r.exitCode, row.exit) << what << ": " << r.err;
     EXPECT_TRUE(Has(row.exit == 0 ? r.out : r.err, row.said)) << what << ": " << r.out << r.err;
-    // Refused before the run: no phase of it shown.
+    // Refused before the run: no phase of it shown; no control character reaches the terminal.
     EXPECT_FALSE(Has(r.err, "deconvolution")) << what << ": " << r.err;
+    EXPECT_FALSE(Has(r.err, "\x1b")) << what << ": " << r.err;
   }
   EXPECT_FALSE(fs::exists("o.png") || fs::exists("o.pgm"));
   EXPECT_EQ(ReadFileBytes("in.png"), before);

@@ -121,6 +121,14 @@ TEST(KernelFile, RefusesUnusableKernelsSayingWhy) {
       {"neg.txt", "1 1\n1 -0.5\n", "x 1, y 1 is negative (-0.5, below 5 %"},
       {"inf.dat", "inf 1\n", "x 0, y 0 is infinite"},
       {"word.asc", "1 two\n", "'two' is not a number"},
+      // A binary file: its first "token" shown cut, never up to a NUL or for kilobytes.
+      {"binary.txt",
+       "\x7f"
+       "ELF\x02\x01" +
+           std::string(9, '\0') + std::string(5000, 'A'),
+       "'\x7f"
+       "ELF\x02\x01...' is not a number"},
+      {"long.txt", std::string(5000, 'e'), "'" + std::string(40, 'e') + "...' is not"},
       {"empty.txt", "# nothing\n", "no values"},
       {"zero.txt", "0 0\n0 0\n", "sum to 0"},
       {"3d.npy", Npy("<f8", false, "(1, 2, 3)", std::string(48, '\0')), "3 dimensions"},
