@@ -229,6 +229,26 @@ TEST(DeblurCommand, RestoresABatchWhereOneImageFails) {
   EXPECT_EQ(ReadFileBytes("b-deblurred.jpg").substr(0, 2), "\xFF\xD8");
 }
 
+TEST(DeblurCommand, ReRunsWithSkipExistingRestoreOnlyTheMissingResultsIntoAMadeFolder) {
+  Files f;
+  WriteImage("a.png", 1, SampleDepth::k8);
+  WriteImage("b.png", 1, SampleDepth::k8);
+  // The folder named with a final '/' is made; a result there already (an interrupted run's
+  // finished one) is left alone, the missing one restored.
+  ASSERT_EQ(Deblur({"-k", "k.png", "-o", "made/", "a.png"}).exitCode, 0);
+  const std::string first = ReadFileBytes("made/a.png");
+  WriteFileBytes("made/a.png", first + "x");  // marks it: a rewrite would drop the mark
+  const ProcessResult r =
+      Deblur({"-v", "--skip-existing", "-k", "k.png", "-o", "made/", "a.png", "b.png"});
+  EXPECT_EQ(r.exitCode, 0) << r.err;
+  EXPECT_TRUE(Has(r.err, "a.png: skipped, made/a.png exists")) << r.err;
+  EXPECT_EQ(ReadFileBytes("made/a.png"), first + "x");
+  EXPECT_EQ(ReadFileBytes("made/b.png").substr(24, 2), PngHeader(8, 0));
+  // Every result there: nothing to do, success.
+  EXPECT_EQ(Deblur({"--skip-existing", "-k", "k.png", "-o", "made/", "a.png", "b.png"}).exitCode,
+            0);
+}
+
 TEST(DeblurCommand, StopsCleanlyOnInterrupt) {
   // An image large enough that the run still goes on when its first phase is reported, which
   // is when the shell sends SIGINT.
