@@ -52,7 +52,7 @@ class SpectralTransform {
   int width_;
   int height_;
   Kind kind_;
-  Placement placement_;
+  [[maybe_unused]] Placement placement_;  // read by assertions only
   FftwPlan plan_;
 };
 
