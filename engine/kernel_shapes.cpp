@@ -63,7 +63,10 @@ double DiscAreaInRectangle(double r, double x0, double x1, double y0, double y1)
         if (c > cuts[0] && c < cuts[1]) cuts[n++] = c;
     }
   }
-  std::sort(cuts, cuts + n);
+  // At most six cuts: sorted by insertion (std::sort's path for long ranges made GCC warn of
+  // reads past the array, which it cannot take).
+  for (int i = 1; i < n; ++i)
+    for (int j = i; j > 0 && cuts[j - 1] > cuts[j]; --j) std::swap(cuts[j - 1], cuts[j]);
   double area = 0.0;
   for (int i = 0; i + 1 < n; ++i) {
     const double a = cuts[i], b = cuts[i + 1];
