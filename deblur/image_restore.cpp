@@ -123,6 +123,8 @@ RestoredImage RestoreImage(const PlannedImage& plan, const KernelFile& kernel,
   const ImageView colour =
       ImageView::Planar(image.planes.data(), image.width, image.height, image.colourChannels);
   DeconvolveOptions options = settings.engine;
+  // Integer files clip at their full scale.
+  if (image.depth != SampleDepth::kFloat && !options.clipLevel) options.clipLevel = 1.0;
   // The blur happened in linear light: the samples are linearised through their curve.
   const ToneCurve curve = settings.colorspace
                               ? ChosenToneCurve(*settings.colorspace, "--colorspace")

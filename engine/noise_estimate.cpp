@@ -245,6 +245,26 @@ double NoiseStrengthForLevel(double level) {
   return kStrengthScale * std::pow(std::clamp(level, kLowestLevel, kHighestLevel), kStrengthPower);
 }
 
+double EstimateCompressedNoiseLevel(std::span<const double> planes, int width, int height,
+                                    int channels) {
+  const double full = EstimateNoiseLevel(planes, width, height, channels);
+  const int halfWidth = width / 2, halfHeight = height / 2;
+  // At least 784 patches at half resolution, as the full-resolution estimate needs.
+  if (!(full >= 0.0) || halfWidth < 34 || halfHeight < 34) return full;
+  const size_t planeSize = static_cast<size_t>(width) * height;
+  std::vector<double> half(static_cast<size_t>(halfWidth) * halfHeight * channels);
+  for (int c = 0; c < channels; ++c)
+    for (int y = 0; y < halfHeight; ++y)
+      for (int x = 0; x < halfWidth; ++x) {
+        const double* p =
+            planes.data() + c * planeSize + static_cast<size_t>(2 * y) * width + 2 * x;
+        half[(static_cast<size_t>(c) * halfHeight + y) * halfWidth + x] =
+            0.25 * (p[0] + p[1] + p[width] + p[width + 1]);
+      }
+  const double coarse = 2.0 * EstimateNoiseLevel(half, halfWidth, halfHeight, channels);
+  return full < 0.5 * coarse ? coarse : full;
+}
+
 NoiseEstimate EstimateNoise(std::span<const double> planes, int width, int height, int channels) {
   const double level = EstimateNoiseLevel(planes, width, height, channels);
   return {level, NoiseStrengthForLevel(level)};

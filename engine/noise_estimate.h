@@ -34,6 +34,16 @@ double EstimateNoiseLevel(std::span<const double> planes, int width, int height,
 // gives NaN.
 double NoiseStrengthForLevel(double level);
 
+// The noise level of an image that may have been compressed (JPEG). Compression removes the
+// fine-grain noise EstimateNoiseLevel looks for (it reads almost 0 on JPEGs of quality 75 to
+// 95), while the coarser noise stays, and that is what a deconvolution amplifies. So the level
+// is read at half the resolution as well, from 2 x 2 means (white noise there is half as strong,
+// so the reading is doubled); when the full-resolution reading is under half of that, the image
+// has lost its fine noise and the half-resolution reading is the level. Images under 68 x 68
+// samples are read at full resolution only.
+double EstimateCompressedNoiseLevel(std::span<const double> planes, int width, int height,
+                                    int channels);
+
 struct NoiseEstimate {
   double level;     // EstimateNoiseLevel
   double strength;  // NoiseStrengthForLevel(level)

@@ -151,6 +151,11 @@ struct DeconvolveOptions {
   // MATLAB's deconvlucy WEIGHT): a view of the image's width and height with one channel (for
   // every channel) or the image's channel count. No data: every sample weighs 1.
   BasicImageView<const void> mask;
+  // Samples at or above this value (in the image's 0-to-1 range) were clipped by the sensor:
+  // the light there was at least that bright, and the fit takes them as bounds, not data.
+  // Empty: 1.0 for 8- and 16-bit samples, none for floating point (give 1.0 for floating-point
+  // samples decoded from integer files).
+  std::optional<double> clipLevel;
   NoiseModel noiseModel = NoiseModel::kGaussian;
   // kPoisson: the camera's baseline in the image's sample units (0 to 65535 for 16-bit
   // samples); empty: estimated from the darkest samples.
