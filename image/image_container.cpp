@@ -71,7 +71,7 @@ bool CxImage::Load(const std::string& path, int32_t typeCode) {
       if (!ok) lastError_ = definite && !firstError.empty() ? firstError : secondError;
     }
   } catch (const std::exception& e) {  // the module cannot be opened
-    lastError_ = e.what();
+    lastError_ = path + ": " + e.what();
     return false;
   }
   if (!ok) return false;

@@ -19,6 +19,16 @@
 namespace marlith {
 namespace {
 
+// The GraphicsMagick module, for the file at path: a module that cannot be opened is refused
+// naming the file as well.
+const MagickModule& MagickFor(const std::string& path) {
+  try {
+    return Magick();
+  } catch (const Error& e) {
+    throw Error(path + ": " + e.what());
+  }
+}
+
 // Refuses, naming path, a type this build does not write.
 void CheckWritableType(ImageFileType type, const std::string& path) {
   if (type == ImageFileType::kUnknown) {
@@ -26,7 +36,7 @@ void CheckWritableType(ImageFileType type, const std::string& path) {
                 ": unknown image type; name the file .png, .jpg, .jpeg, .tif, .tiff, "
                 ".bmp, .webp, .pgm, .ppm or .pnm");
   }
-  if (type == ImageFileType::kWebp && !Magick().canWriteWebp()) {
+  if (type == ImageFileType::kWebp && !MagickFor(path).canWriteWebp()) {
     throw Error(path + ": this build of GraphicsMagick cannot write WebP");
   }
 }
@@ -35,7 +45,7 @@ void CheckWritableType(ImageFileType type, const std::string& path) {
 LoadedImage ReadWithMagick(std::string_view bytes, const std::string& path) {
   LoadedImage image;
   std::string error;
-  if (!Magick().read(bytes, path, image, error)) throw Error(error);
+  if (!MagickFor(path).read(bytes, path, image, error)) throw Error(error);
   return image;
 }
 
@@ -259,7 +269,7 @@ void WriteImageFile(const std::string& path, const LoadedImage& image, SampleDep
     bytes = EncodeTiff(image, depth, path);
   } else {
     std::string error;
-    if (!Magick().encode(image, type, depth, jpegQuality, bytes, error))
+    if (!MagickFor(path).encode(image, type, depth, jpegQuality, bytes, error))
       throw Error("cannot encode " + path + ": " + error);
     // The samples keep the curve they were read with: so does the file.
     if (type == ImageFileType::kPng) bytes = WithPngLightChunks(std::move(bytes), image.pngLight);
