@@ -143,7 +143,13 @@ std::string DescribeParseError(const CLI::ParseError& e) {
   if (dynamic_cast<const CLI::ExtrasError*>(&e)) {
     const std::string prefix = "The following argument was not expected: ";
     if (message.rfind(prefix, 0) == 0) return "unknown option " + message.substr(prefix.size());
-    return "unknown options: " + message.substr(message.find(':') + 2);
+    // CLI11 lists them last first.
+    std::vector<std::string> names;
+    std::istringstream words(message.substr(message.find(':') + 2));
+    for (std::string word; words >> word;) names.insert(names.begin(), word);
+    std::string listed;
+    for (const std::string& name : names) listed += (listed.empty() ? "" : " ") + name;
+    return "unknown options " + listed;
   }
   // CLI11 names the option at fault as its first word starting with '-' ("--kernel: 1 required
   // TEXT missing", "Could not convert: --quiet = x").
