@@ -82,6 +82,7 @@ TEST(DeblurCommand, AnswersHelpAndVersionAndRefusesBeforeTheRun) {
       {{"-k", "k.png", "--boundary", "1", "in.png"}, 2, "--boundary: '1' is not one of smooth"},
       {{"-k", "k.png", "--colorspace", "sRGB", "in.png"}, 2, "--colorspace: 'sRGB' is not one of"},
       {{"-k", "k.png", "--bogus", "in.png"}, 2, "unknown option --bogus"},
+      {{"-k", "k.png", "--bogus", "-y", "in.png"}, 2, "unknown options --bogus -y"},
       {{"-k", "k.png", "--output=", "in.png"}, 2, "--output: the value after '=' is empty"},
       {{"-k", "k.png", "--noise", "\x1b[2J", "in.png"}, 2, "--noise: '\\x1b[2J' is not"},
       {{"-k", "esc.txt", "in.png"}, 1, "esc.txt: line 1: '\\x1b[31mred\\x07' is not"},
