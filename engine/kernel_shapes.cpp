@@ -8,6 +8,7 @@
 #include <numbers>
 #include <string>
 
+#include "engine/psf_models.h"
 #include "marlith/kernels.hpp"
 
 namespace marlith {
@@ -181,7 +182,9 @@ Kernel MotionKernel(double length, double angleDegrees) {
 }
 
 bool IsKernelSpec(std::string_view text) {
-  return text.starts_with("gaussian:") || text.starts_with("disk:") || text.starts_with("motion:");
+  return text.starts_with("gaussian:") || text.starts_with("disk:") ||
+         text.starts_with("motion:") || text.starts_with("widefield:") ||
+         text.starts_with("confocal:");
 }
 
 KernelSpec ParseKernelSpec(std::string_view text) {
@@ -209,9 +212,14 @@ KernelSpec ParseKernelSpec(std::string_view text) {
     }
     spec.size = ParseNumber(value.substr(0, comma), text, "length");
     spec.angle = ParseNumber(value.substr(comma + 1), text, "angle");
+  } else if (shape == "widefield" || shape == "confocal") {
+    spec.shape = shape == "widefield" ? KernelShape::kWidefield : KernelShape::kConfocal;
+    spec.optics = ParseMicroscopeOptics(value, text, spec.shape == KernelShape::kConfocal);
+    return spec;
   } else {
     throw Error("kernel '" + std::string(text) +
-                "': unknown shape (gaussian:SIGMA, disk:RADIUS or motion:LENGTH,ANGLE)");
+                "': unknown shape (gaussian:SIGMA, disk:RADIUS, motion:LENGTH,ANGLE, "
+                "widefield:... or confocal:...)");
   }
   try {
     if (spec.shape == KernelShape::kGaussian) CheckExtent(spec.size, "sigma");
@@ -232,6 +240,10 @@ Kernel MakeKernel(const KernelSpec& spec) {
       return DiskKernel(spec.size);
     case KernelShape::kMotion:
       return MotionKernel(spec.size, spec.angle);
+    case KernelShape::kWidefield:
+      return WidefieldPsf(spec.optics);
+    case KernelShape::kConfocal:
+      return ConfocalPsf(spec.optics);
   }
   throw Error("unknown kernel shape");
 }

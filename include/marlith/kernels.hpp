@@ -20,12 +20,16 @@
 
 namespace marlith {
 
-// A kernel that owns its values: height rows of width values, row-major.
+// A kernel that owns its values: height rows of width values, row-major; a 3-D kernel (a
+// microscope's PSF over a z-stack) holds depth such planes one after another, the first the
+// top of the stack (the smallest z).
 struct Kernel {
   std::vector<double> values;
   int32_t width = 0;
   int32_t height = 0;
+  int32_t depth = 1;
 
+  // The 2-D view (depth 1 only).
   KernelView View() const { return {values, width, height}; }
 };
 
@@ -70,26 +74,73 @@ inline constexpr double kMinEstimatedSigma = 0.3;
 MARLITH_API double EstimateGaussianSigma(std::span<const double> planes, int32_t width,
                                          int32_t height, int32_t channels);
 
-enum class KernelShape : int32_t { kGaussian = 0, kDisk = 1, kMotion = 2 };
-
-// A kernel described in words: "gaussian:SIGMA", "disk:RADIUS", "motion:LENGTH,ANGLE"
-// ('.' decimal point), or "gaussian:auto" (the sigma is then estimated from each image).
-struct KernelSpec {
-  KernelShape shape = KernelShape::kGaussian;
-  double size = 0.0;       // sigma, radius or length
-  double angle = 0.0;      // degrees, kMotion only
-  bool automatic = false;  // "gaussian:auto": size is to be estimated
+// A fluorescence microscope's optics, for its point spread function (PSF). Lengths in
+// nanometres in the specimen; wavelengths in vacuum.
+struct MicroscopeOptics {
+  double na = 0.0;          // numerical aperture of the objective, 0 < na < ri
+  double emission = 0.0;    // emission wavelength (the light imaged)
+  double excitation = 0.0;  // excitation wavelength (confocal PSFs only)
+  double ri = 0.0;          // refractive index of the immersion medium, 1 <= ri <= 3
+  double dxy = 0.0;         // pixel size
+  double dz = 0.0;          // z step; 0: one in-focus plane (a 2-D PSF)
+  int32_t nz = 0;           // planes (odd); 0: enough for the PSF's axial extent (dz > 0)
+  int32_t nxy = 0;          // width and height (odd); 0: enough for the PSF's lateral extent
 };
 
-// Whether text names a generated kernel: it starts with "gaussian:", "disk:" or "motion:".
+// The most samples a generated PSF holds (width x height x depth).
+inline constexpr int64_t kMaxPsfSamples = int64_t{1} << 26;
+
+// A widefield microscope's PSF in the Born and Wolf model (an aberration-free lens; defocus
+// the only aberration, in its paraxial form):
+//   h(r, z) = | integral_0^1 J0(k na r rho) exp(-i k z na^2 rho^2 / (2 ri)) rho d rho |^2,
+// k = 2 pi / emission. Its first zero in focus lies at r = 0.61 emission / na, on the axis at
+// z = 2 ri emission / na^2. The integral is taken by Gauss-Legendre quadrature with several
+// nodes per oscillation, and each sample is h averaged over the sample's square (the in-plane
+// pixel area; z is sampled at each plane). The centre plane is the focus (z = 0), plane p at
+// z = (p - depth / 2) dz; lateral size nxy or, with 0, 4 emission / na plus the geometric cone's
+// radius at the outermost plane on each side of the centre; depth nz, or with dz > 0 and nz 0,
+// enough planes to reach twice the first axial zero on each side; 1 with dz 0. Values sum to 1.
+// Throws Error naming the parameter for optics out of range (including a PSF of more than
+// kMaxPsfSamples samples).
+MARLITH_API Kernel WidefieldPsf(const MicroscopeOptics& optics);
+
+// A point-scanning confocal microscope's PSF with a pinhole far smaller than the Airy disc: the
+// product of the widefield PSFs (above) at the excitation and at the emission wavelengths, on
+// the same grid (sized for the emission wavelength), renormalised to sum 1.
+MARLITH_API Kernel ConfocalPsf(const MicroscopeOptics& optics);
+
+enum class KernelShape : int32_t {
+  kGaussian = 0,
+  kDisk = 1,
+  kMotion = 2,
+  kWidefield = 3,
+  kConfocal = 4
+};
+
+// A kernel described in words: "gaussian:SIGMA", "disk:RADIUS", "motion:LENGTH,ANGLE"
+// ('.' decimal point), or "gaussian:auto" (the sigma is then estimated from each image); or a
+// microscope's PSF from comma-separated KEY=VALUE pairs (nanometres):
+// "widefield:na=1.4,wavelength=520,ri=1.515,dxy=65[,dz=200][,nz=33][,nxy=65]" and
+// "confocal:na=1.4,excitation=488,emission=520,ri=1.515,dxy=65[,...]" ("wavelength" and
+// "emission" name the same).
+struct KernelSpec {
+  KernelShape shape = KernelShape::kGaussian;
+  double size = 0.0;        // sigma, radius or length
+  double angle = 0.0;       // degrees, kMotion only
+  bool automatic = false;   // "gaussian:auto": size is to be estimated
+  MicroscopeOptics optics;  // kWidefield and kConfocal
+};
+
+// Whether text names a generated kernel: it starts with "gaussian:", "disk:", "motion:",
+// "widefield:" or "confocal:".
 MARLITH_API bool IsKernelSpec(std::string_view text);
 
 // Reads a spec as above. Throws Error with one line naming text and what is wrong (an unknown
-// shape, a missing or malformed number, a value out of the generators' range).
+// shape or key, a missing or malformed number, a value out of the generators' range).
 MARLITH_API KernelSpec ParseKernelSpec(std::string_view text);
 
-// The spec's kernel (GaussianKernel, DiskKernel or MotionKernel). Throws Error for
-// "gaussian:auto", which needs an image.
+// The spec's kernel (GaussianKernel, DiskKernel, MotionKernel, WidefieldPsf or ConfocalPsf).
+// Throws Error for "gaussian:auto", which needs an image.
 MARLITH_API Kernel MakeKernel(const KernelSpec& spec);
 
 }  // namespace marlith
