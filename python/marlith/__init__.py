@@ -21,7 +21,7 @@ import numpy as np
 
 from . import _core
 
-__all__ = ["deconvolve", "estimate_noise", "NoiseEstimate", "kernels", "__version__"]
+__all__ = ["deconvolve", "estimate_noise", "NoiseEstimate", "kernels", "psf", "__version__"]
 
 __version__: str = _core.__version__
 
@@ -279,3 +279,4 @@ def estimate_noise(image: np.ndarray) -> NoiseEstimate:
 
 
 from . import kernels  # noqa: E402  (uses _image_array above)
+from . import psf  # noqa: E402

@@ -177,11 +177,16 @@ py::tuple EstimateNoise(const py::array& image) {
   return py::make_tuple(report.level, report.strength);
 }
 
-// The kernel a spec names ("gaussian:1.6", "disk:3", "motion:15,30"), as a (height, width)
-// float64 array.
+// The kernel a spec names ("gaussian:1.6", "disk:3", "motion:15,30", "widefield:..."), as a
+// (height, width) float64 array, or (depth, height, width) for a PSF of several planes.
 py::array_t<double> ShapeKernel(const std::string& spec) {
-  const marlith::Kernel k = marlith::MakeKernel(marlith::ParseKernelSpec(spec));
-  py::array_t<double> out({k.height, k.width});
+  marlith::Kernel k;
+  {
+    py::gil_scoped_release release;
+    k = marlith::MakeKernel(marlith::ParseKernelSpec(spec));
+  }
+  py::array_t<double> out = k.depth > 1 ? py::array_t<double>({k.depth, k.height, k.width})
+                                        : py::array_t<double>({k.height, k.width});
   std::copy(k.values.begin(), k.values.end(), out.mutable_data());
   return out;
 }
