@@ -74,6 +74,15 @@ std::vector<std::string> Describe(const PlannedImage& plan, const RestoredImage&
   lines.push_back(name + std::to_string(r.width) + " x " + std::to_string(r.height) + ", " +
                   (r.colourChannels == 1 ? "grey" : "colour") + (r.hasAlpha ? " and alpha" : "") +
                   ", " + SampleDepthWords(r.inputDepth) + " samples");
+  if (r.pages > 1) {
+    const StackAxes& a = r.axes;
+    lines.push_back(name + a.kind + " stack of " + std::to_string(r.pages) + " pages: " +
+                    std::to_string(a.slices) + " slices, " + std::to_string(a.channels) +
+                    " channels, " + std::to_string(a.frames) + " frames" +
+                    (a.dx > 0 ? ", voxel " + Number(a.dx) + " x " + Number(a.dy) + " x " +
+                                    (a.dz > 0 ? Number(a.dz) : std::string("?")) + " " + a.unit
+                              : std::string()));
+  }
   lines.push_back(name + "tone curve " + r.light);
   if (s.kernelSpec && s.kernelSpec->automatic)
     lines.push_back(name + "Gaussian sigma " + Number(r.estimatedSigma) +
@@ -137,6 +146,10 @@ int RunDeblur(const DeblurSettings& s, const std::atomic<int>& interrupt) {
           kernel.warnings.push_back(std::move(w));
     } else if (!s.kernelSpec->automatic) {
       Kernel k = MakeKernel(*s.kernelSpec);
+      if (k.depth > 1)
+        throw Error("--kernel " + s.kernelPath + ": a 3-D PSF of " + std::to_string(k.depth) +
+                    " planes; stacks are restored plane by plane with a 2-D PSF (leave out dz "
+                    "and nz for the in-focus plane)");
       kernel = {std::move(k.values), k.width, k.height, {}};
     }
   } catch (const Error& e) {

@@ -92,7 +92,19 @@ RestoredImage RestoreImage(const PlannedImage& plan, const KernelFile& kernel,
   };
 
   report("reading", 0.0);
-  LoadedImage image = ReadImageFile(plan.input);
+  // Every page of a multi-page TIFF; each is restored on its own.
+  LoadedStack stack = ReadImageStack(plan.input);
+  LoadedImage& image = stack.pages.front();
+  result.pages = static_cast<int>(stack.pages.size());
+  result.axes = stack.axes;
+  if (result.pages > 1) {
+    if (ImageFileTypeFromPath(plan.output) != ImageFileType::kTiff)
+      throw Error(plan.output + ": " + plan.input + " is a stack of " +
+                  std::to_string(result.pages) +
+                  " pages, written as TIFF only (name the output .tif, or -f tif)");
+    image.warnings.push_back(plan.input + ": a stack of " + std::to_string(result.pages) +
+                             " pages; a 2-D PSF on a stack restores each plane");
+  }
   // What reading passed over, and what the output's type will leave out.
   result.warnings = std::move(image.warnings);
   for (std::string& w : OutputWarnings(plan.output, image)) result.warnings.push_back(std::move(w));
@@ -145,6 +157,19 @@ RestoredImage RestoreImage(const PlannedImage& plan, const KernelFile& kernel,
   };
   try {
     result.report = Deconvolve(colour, {used.values, used.width, used.height}, colour, options);
+    // The further pages of a stack, with the first page's options (and noise strength, so that
+    // the planes of one stack are restored alike).
+    const auto firstProgress = options.progress;
+    if (!options.noise) options.noise = result.report.noiseStrength;
+    for (size_t page = 1; page < stack.pages.size(); ++page) {
+      LoadedImage& p = stack.pages[page];
+      const ImageView planes =
+          ImageView::Planar(p.planes.data(), p.width, p.height, p.colourChannels);
+      options.progress = [&, page](std::string_view phase, double fraction) {
+        return firstProgress(phase, (page + fraction) / stack.pages.size());
+      };
+      Deconvolve(planes, {used.values, used.width, used.height}, planes, options);
+    }
   } catch (const Cancelled&) {
     throw;
   } catch (const Error& e) {
@@ -168,7 +193,7 @@ RestoredImage RestoreImage(const PlannedImage& plan, const KernelFile& kernel,
   }
 
   report("writing", 1.0 - kWriteShare);
-  WriteImageFile(plan.output, image, result.outputDepth, settings.jpegQuality);
+  WriteImageStack(plan.output, stack, result.outputDepth, settings.jpegQuality);
   phases.Leave();
   if (progress) progress("done", 1.0);
   return result;

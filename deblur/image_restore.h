@@ -34,6 +34,8 @@ struct RestoredImage {
   // The kernel the run used: the one given, generated for the image, or refined.
   std::vector<double> kernel;
   int kernelWidth = 0, kernelHeight = 0;
+  int pages = 1;   // a multi-page TIFF's pages, each restored on its own
+  StackAxes axes;  // their axes and voxel size
 };
 
 // The depth a result is written with: the one chosen, or for DepthChoice::kSame the input's,

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstring>
 #include <filesystem>
 #include <string_view>
 #include <utility>
@@ -274,6 +275,91 @@ void WriteImageFile(const std::string& path, const LoadedImage& image, SampleDep
     // The samples keep the curve they were read with: so does the file.
     if (type == ImageFileType::kPng) bytes = WithPngLightChunks(std::move(bytes), image.pngLight);
   }
+  std::string error;
+  if (!WriteFileAtomically(path, bytes, error)) throw Error(error);
+}
+
+LoadedStack ReadImageStack(const std::string& path) {
+  LoadedStack stack;
+  std::string bytes, error;
+  std::error_code ignored;
+  // Only a TIFF holds pages: anything else (or a failure to read, said by ReadImageFile) is
+  // one image, its bytes read once.
+  if (std::filesystem::is_directory(path, ignored) || !ReadFileHead(path, 8, bytes) ||
+      !LooksLikeTiff(bytes) || !ReadWholeFile(path, bytes, error)) {
+    stack.pages.push_back(ReadImageFile(path));
+    return stack;
+  }
+  const TiffPages info = ReadTiffPages(bytes, path);
+  if (info.count <= 1) {
+    stack.pages.push_back(ReadImageFile(path));
+    return stack;
+  }
+  stack.description = info.description;
+  stack.xResolution = info.xResolution;
+  stack.yResolution = info.yResolution;
+  stack.resolutionUnit = info.resolutionUnit;
+  std::string warning;
+  stack.axes =
+      ReadStackAxes(info.description, info.count, info.xResolution, info.yResolution, &warning);
+  for (int page = 0; page < info.count; ++page) {
+    TiffContents tiff = ReadTiff(bytes, path, page);
+    LoadedImage& image = tiff.image;
+    ApplyOrientation(image, tiff.orientation);
+    NeutraliseExifOrientation(image.exif);
+    if (page > 0) {
+      const LoadedImage& first = stack.pages.front();
+      if (image.width != first.width || image.height != first.height ||
+          image.colourChannels != first.colourChannels || image.hasAlpha != first.hasAlpha ||
+          image.depth != first.depth)
+        throw Error(path + ": page " + std::to_string(page + 1) + " is " +
+                    std::to_string(image.width) + " x " + std::to_string(image.height) +
+                    ", the first " + std::to_string(first.width) + " x " +
+                    std::to_string(first.height) +
+                    " (or their colours or depths differ): the pages are no stack");
+      if (double(image.width) * image.height * (page + 1) > double(kMaxImagePixels))
+        throw Error(path + ": a stack of more than " + std::to_string(kMaxImagePixels) +
+                    " pixels in all");
+      image.warnings.clear();
+    }
+    stack.pages.push_back(std::move(image));
+  }
+  if (!warning.empty()) stack.pages.front().warnings.push_back(path + ": " + warning);
+  return stack;
+}
+
+void WriteImageStack(const std::string& path, const LoadedStack& stack, SampleDepth depth,
+                     int jpegQuality) {
+  if (stack.pages.size() == 1) {
+    WriteImageFile(path, stack.pages.front(), depth, jpegQuality);
+    return;
+  }
+  const ImageFileType type = ImageFileTypeFromPath(path);
+  if (type != ImageFileType::kTiff)
+    throw Error("cannot write " + path + ": a stack of " + std::to_string(stack.pages.size()) +
+                " pages is written as TIFF only (name the output .tif)");
+  for (const LoadedImage& page : stack.pages) CheckConsistent(page, path);
+  TiffPages tags;
+  tags.count = static_cast<int>(stack.pages.size());
+  tags.description = stack.description;
+  tags.xResolution = stack.xResolution;
+  tags.yResolution = stack.yResolution;
+  tags.resolutionUnit = static_cast<uint16_t>(stack.resolutionUnit);
+  // OME-XML names the sample type; a result of another depth says its own.
+  if (stack.axes.kind == "OME-TIFF") {
+    const char* words = depth == SampleDepth::k8    ? "uint8"
+                        : depth == SampleDepth::k16 ? "uint16"
+                                                    : "float";
+    for (const char* old :
+         {"Type=\"uint8\"", "Type=\"uint16\"", "Type=\"float\"", "Type=\"double\""}) {
+      const size_t at = tags.description.find(old);
+      if (at != std::string::npos) {
+        tags.description.replace(at, std::strlen(old), std::string("Type=\"") + words + "\"");
+        break;
+      }
+    }
+  }
+  const std::string bytes = EncodeTiffPages(stack.pages, depth, path, &tags);
   std::string error;
   if (!WriteFileAtomically(path, bytes, error)) throw Error(error);
 }

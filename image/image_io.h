@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "image/stack_axes.h"
+
 namespace marlith {
 
 // Largest image (width x height) the readers accept, checked from the file header before the
@@ -90,6 +92,28 @@ LoadedImage ReadImageFile(const std::string& path);
 // What WriteImageFile(path, image, ...) leaves out that the user should be told of, one line
 // each naming path: an alpha channel written to JPEG or PGM/PPM/PNM, which cannot hold it.
 std::vector<std::string> OutputWarnings(const std::string& path, const LoadedImage& image);
+
+// A stack of images of one size and kind: a multi-page TIFF, ImageJ hyperstack or OME-TIFF
+// (every page), or any other image file (one page).
+struct LoadedStack {
+  std::vector<LoadedImage> pages;  // in the file's order; metadata and warnings on the first
+  StackAxes axes;                  // Z, C, T and voxel size (see ReadStackAxes)
+  std::string description;         // the first page's ImageDescription of a TIFF of several pages
+  double xResolution = 0.0, yResolution = 0.0;  // pixels per resolution unit, 0 when not given
+  int resolutionUnit = 1;
+};
+
+// Reads path as ReadImageFile does, every page of a TIFF of several pages (each turned upright
+// by its orientation). Throws marlith::Error naming path as ReadImageFile does, also for pages
+// of different sizes, colours or depths, and for stacks of more than kMaxImagePixels pixels
+// in all.
+LoadedStack ReadImageStack(const std::string& path);
+
+// Writes a stack of one page as WriteImageFile does; of several pages as a TIFF of as many
+// pages with the stack's description and resolution (its axes and voxel size), refusing other
+// types naming path.
+void WriteImageStack(const std::string& path, const LoadedStack& stack, SampleDepth depth,
+                     int jpegQuality);
 
 // Checks, before a long run, that an image can be written to path: its extension names a type
 // this build writes (WebP needs a GraphicsMagick with WebP), it is not a directory, and its

@@ -401,7 +401,13 @@ KernelFile ReadKernelFile(const std::string& path) {
   const bool text =
       extension == ".txt" || extension == ".csv" || extension == ".dat" || extension == ".asc";
   if (!npy && !text) {
-    KernelFile kernel = KernelFromImage(ReadImageFile(path), path);
+    // A multi-page TIFF is a 3-D PSF: never its first plane alone.
+    LoadedStack stack = ReadImageStack(path);
+    if (stack.pages.size() > 1)
+      throw Error(path + ": a 3-D PSF of " + std::to_string(stack.pages.size()) +
+                  " planes (a multi-page TIFF); stacks are restored plane by plane with a 2-D "
+                  "PSF (give its in-focus plane)");
+    KernelFile kernel = KernelFromImage(std::move(stack.pages.front()), path);
     CheckSum(kernel, path);
     return kernel;
   }

@@ -423,12 +423,32 @@ std::string TiffRefusal(std::string_view bytes, const std::string& path) {
   return path + ": " + (lab ? why : "signed integer samples are not read by this command");
 }
 
-TiffContents ReadTiff(std::string_view bytes, const std::string& path) {
+TiffPages ReadTiffPages(std::string_view bytes, const std::string& path) {
+  MemoryStream stream;
+  stream.bytes = bytes;
+  const TiffHandle tif = Open(stream, "rm", path);
+  if (!tif) Fail(path, stream, "not a readable TIFF file");
+  TiffPages pages;
+  pages.count = TIFFNumberOfDirectories(tif.get());
+  char* description = nullptr;
+  if (TIFFGetField(tif.get(), TIFFTAG_IMAGEDESCRIPTION, &description) == 1 && description)
+    pages.description = description;
+  float x = 0.0f, y = 0.0f;
+  uint16_t unit = RESUNIT_NONE;
+  if (TIFFGetField(tif.get(), TIFFTAG_XRESOLUTION, &x) == 1) pages.xResolution = x;
+  if (TIFFGetField(tif.get(), TIFFTAG_YRESOLUTION, &y) == 1) pages.yResolution = y;
+  if (TIFFGetField(tif.get(), TIFFTAG_RESOLUTIONUNIT, &unit) == 1) pages.resolutionUnit = unit;
+  return pages;
+}
+
+TiffContents ReadTiff(std::string_view bytes, const std::string& path, int page) {
   MemoryStream stream;
   stream.bytes = bytes;
   // "m": no memory mapping, the procedures above serve every read.
   const TiffHandle tif = Open(stream, "rm", path);
   if (!tif) Fail(path, stream, "not a readable TIFF file");
+  if (page > 0 && !TIFFSetDirectory(tif.get(), static_cast<tdir_t>(page)))
+    Fail(path, stream, ("page " + std::to_string(page + 1) + " is unreadable").c_str());
   uint32_t width = 0, height = 0;
   TIFFGetField(tif.get(), TIFFTAG_IMAGEWIDTH, &width);
   TIFFGetField(tif.get(), TIFFTAG_IMAGELENGTH, &height);
@@ -498,87 +518,122 @@ TiffContents ReadTiff(std::string_view bytes, const std::string& path) {
 }
 
 std::string EncodeTiff(const LoadedImage& image, SampleDepth depth, const std::string& path) {
-  const uint32_t width = static_cast<uint32_t>(image.width);
-  const uint32_t height = static_cast<uint32_t>(image.height);
-  const uint16_t samplesPerPixel = static_cast<uint16_t>(image.colourChannels + image.hasAlpha);
+  return EncodeTiffPages({&image, 1}, depth, path, nullptr);
+}
+
+std::string EncodeTiffPages(std::span<const LoadedImage> pages, SampleDepth depth,
+                            const std::string& path, const TiffPages* tags) {
   const uint16_t bits = depth == SampleDepth::k8 ? 8 : depth == SampleDepth::k16 ? 16 : 32;
   const size_t sampleBytes = bits / 8;
-  const size_t planeSize = size_t{width} * height;
+  double bytes = 0.0;
+  for (const LoadedImage& page : pages)
+    bytes += double(page.width) * page.height * (page.colourChannels + page.hasAlpha) *
+             static_cast<double>(sampleBytes);
   // Classic TIFF addresses 4 GiB; larger results (possible at the pixel limit) need BigTIFF.
-  const bool big = planeSize * samplesPerPixel * sampleBytes > (uint64_t{3} << 30);
-
+  const bool big = bytes > double(uint64_t{3} << 30);
   MemoryStream stream;
   stream.writing = true;
   TiffHandle tif = Open(stream, big ? "w8" : "w", path);
   if (!tif) Fail(path, stream, "cannot start the TIFF file");
   TIFF* t = tif.get();
-  TIFFSetField(t, TIFFTAG_IMAGEWIDTH, width);
-  TIFFSetField(t, TIFFTAG_IMAGELENGTH, height);
-  TIFFSetField(t, TIFFTAG_BITSPERSAMPLE, bits);
-  TIFFSetField(t, TIFFTAG_SAMPLESPERPIXEL, samplesPerPixel);
-  TIFFSetField(t, TIFFTAG_SAMPLEFORMAT,
-               depth == SampleDepth::kFloat ? SAMPLEFORMAT_IEEEFP : SAMPLEFORMAT_UINT);
-  TIFFSetField(t, TIFFTAG_PHOTOMETRIC,
-               image.colourChannels == 1 ? PHOTOMETRIC_MINISBLACK : PHOTOMETRIC_RGB);
-  TIFFSetField(t, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
-  TIFFSetField(t, TIFFTAG_ORIENTATION, ORIENTATION_TOPLEFT);
-  TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_ADOBE_DEFLATE);
-  // Horizontal differencing helps Deflate on integer photographs; float samples are left as
-  // they are (the floating-point predictor is not read by every program).
-  if (depth != SampleDepth::kFloat) TIFFSetField(t, TIFFTAG_PREDICTOR, PREDICTOR_HORIZONTAL);
-  if (image.hasAlpha) {
-    const uint16_t extra = EXTRASAMPLE_UNASSALPHA;
-    TIFFSetField(t, TIFFTAG_EXTRASAMPLES, 1, &extra);
-  }
-  TIFFSetField(t, TIFFTAG_ROWSPERSTRIP, TIFFDefaultStripSize(t, 0));
-  if (!image.iccProfile.empty()) {
-    TIFFSetField(t, TIFFTAG_ICCPROFILE, static_cast<uint32_t>(image.iccProfile.size()),
-                 image.iccProfile.data());
-  }
-  if (!image.xmp.empty()) {
-    TIFFSetField(t, TIFFTAG_XMLPACKET, static_cast<uint32_t>(image.xmp.size()), image.xmp.data());
-  }
-  if (!image.iptc.empty()) {
-    TIFFSetField(t, TIFFTAG_RICHTIFFIPTC, static_cast<uint32_t>(image.iptc.size()),
-                 image.iptc.data());
-  }
-  // The EXIF block whole where marlith and Photoshop look, and its parts where other programs
-  // look: the camera's text tags in this directory, the EXIF directory (appended below).
-  const ExifContents exif = ReadExifContents(image.exif);
-  if (!image.exif.empty()) {
-    const std::string resources = PhotoshopResourcesWithExif(image.exif);
-    TIFFSetField(t, TIFFTAG_PHOTOSHOP, static_cast<uint32_t>(resources.size()), resources.data());
-  }
-  for (const TiffEntry& e : exif.camera) {
-    if (e.type == TIFF_ASCII) TIFFSetField(t, e.tag, std::string(e.value.c_str()).c_str());
-  }
-  const bool exifDirectory = !exif.exif.empty() && !big;
-  if (exifDirectory) TIFFSetField(t, TIFFTAG_EXIFIFD, uint64_t{0});  // its offset comes later
+  // The first page carries the file's metadata; an EXIF directory only a one-page file.
+  bool exifDirectory = false;
+  ExifContents exif;
+  for (size_t index = 0; index < pages.size(); ++index) {
+    const LoadedImage& image = pages[index];
+    const bool first = index == 0;
+    const uint32_t width = static_cast<uint32_t>(image.width);
+    const uint32_t height = static_cast<uint32_t>(image.height);
+    const uint16_t samplesPerPixel = static_cast<uint16_t>(image.colourChannels + image.hasAlpha);
+    const size_t planeSize = size_t{width} * height;
+    TIFFSetField(t, TIFFTAG_IMAGEWIDTH, width);
+    TIFFSetField(t, TIFFTAG_IMAGELENGTH, height);
+    TIFFSetField(t, TIFFTAG_BITSPERSAMPLE, bits);
+    TIFFSetField(t, TIFFTAG_SAMPLESPERPIXEL, samplesPerPixel);
+    TIFFSetField(t, TIFFTAG_SAMPLEFORMAT,
+                 depth == SampleDepth::kFloat ? SAMPLEFORMAT_IEEEFP : SAMPLEFORMAT_UINT);
+    TIFFSetField(t, TIFFTAG_PHOTOMETRIC,
+                 image.colourChannels == 1 ? PHOTOMETRIC_MINISBLACK : PHOTOMETRIC_RGB);
+    TIFFSetField(t, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+    TIFFSetField(t, TIFFTAG_ORIENTATION, ORIENTATION_TOPLEFT);
+    TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_ADOBE_DEFLATE);
+    // Horizontal differencing helps Deflate on integer photographs; float samples are left as
+    // they are (the floating-point predictor is not read by every program).
+    if (depth != SampleDepth::kFloat) TIFFSetField(t, TIFFTAG_PREDICTOR, PREDICTOR_HORIZONTAL);
+    if (image.hasAlpha) {
+      const uint16_t extra = EXTRASAMPLE_UNASSALPHA;
+      TIFFSetField(t, TIFFTAG_EXTRASAMPLES, 1, &extra);
+    }
+    TIFFSetField(t, TIFFTAG_ROWSPERSTRIP, TIFFDefaultStripSize(t, 0));
+    if (tags) {
+      if (pages.size() > 1) {
+        TIFFSetField(t, TIFFTAG_SUBFILETYPE, uint32_t{FILETYPE_PAGE});
+        TIFFSetField(t, TIFFTAG_PAGENUMBER, static_cast<uint16_t>(index),
+                     static_cast<uint16_t>(pages.size()));
+      }
+      if (tags->xResolution > 0.0 && tags->yResolution > 0.0) {
+        TIFFSetField(t, TIFFTAG_XRESOLUTION, static_cast<float>(tags->xResolution));
+        TIFFSetField(t, TIFFTAG_YRESOLUTION, static_cast<float>(tags->yResolution));
+        TIFFSetField(t, TIFFTAG_RESOLUTIONUNIT, tags->resolutionUnit);
+      }
+      if (first && !tags->description.empty())
+        TIFFSetField(t, TIFFTAG_IMAGEDESCRIPTION, tags->description.c_str());
+    }
+    if (first) {
+      if (!image.iccProfile.empty()) {
+        TIFFSetField(t, TIFFTAG_ICCPROFILE, static_cast<uint32_t>(image.iccProfile.size()),
+                     image.iccProfile.data());
+      }
+      if (!image.xmp.empty()) {
+        TIFFSetField(t, TIFFTAG_XMLPACKET, static_cast<uint32_t>(image.xmp.size()),
+                     image.xmp.data());
+      }
+      if (!image.iptc.empty()) {
+        TIFFSetField(t, TIFFTAG_RICHTIFFIPTC, static_cast<uint32_t>(image.iptc.size()),
+                     image.iptc.data());
+      }
+      // The EXIF block whole where marlith and Photoshop look, and its parts where other programs
+      // look: the camera's text tags in this directory, the EXIF directory (appended below).
+      exif = ReadExifContents(image.exif);
+      if (!image.exif.empty()) {
+        const std::string resources = PhotoshopResourcesWithExif(image.exif);
+        TIFFSetField(t, TIFFTAG_PHOTOSHOP, static_cast<uint32_t>(resources.size()),
+                     resources.data());
+      }
+      for (const TiffEntry& e : exif.camera) {
+        // A stack's description (ImageJ's or OME's) is the one its tags give.
+        if (tags && e.tag == TIFFTAG_IMAGEDESCRIPTION) continue;
+        if (e.type == TIFF_ASCII) TIFFSetField(t, e.tag, std::string(e.value.c_str()).c_str());
+      }
+      exifDirectory = !exif.exif.empty() && !big && pages.size() == 1;
+      if (exifDirectory) TIFFSetField(t, TIFFTAG_EXIFIFD, uint64_t{0});  // its offset comes later
+    }
 
-  std::vector<uint8_t> row(size_t{width} * samplesPerPixel * sampleBytes);
-  for (uint32_t y = 0; y < height; ++y) {
-    uint8_t* out = row.data();
-    for (uint32_t x = 0; x < width; ++x) {
-      for (uint16_t s = 0; s < samplesPerPixel; ++s, out += sampleBytes) {
-        const double v = image.planes[s * planeSize + size_t{y} * width + x];
-        if (depth == SampleDepth::k8) {
-          *out = static_cast<uint8_t>(QuantiseSample(v, 255));
-        } else if (depth == SampleDepth::k16) {
-          const auto q = static_cast<uint16_t>(QuantiseSample(v, 65535));
-          std::memcpy(out, &q, sizeof q);
-        } else {
-          // Beyond float's range the sample becomes an infinity of its sign, as IEEE rounding
-          // would give; the cast itself would be undefined there.
-          const float f = std::abs(v) > std::numeric_limits<float>::max()
-                              ? std::copysign(std::numeric_limits<float>::infinity(), v)
-                              : static_cast<float>(v);
-          std::memcpy(out, &f, sizeof f);
+    std::vector<uint8_t> row(size_t{width} * samplesPerPixel * sampleBytes);
+    for (uint32_t y = 0; y < height; ++y) {
+      uint8_t* out = row.data();
+      for (uint32_t x = 0; x < width; ++x) {
+        for (uint16_t s = 0; s < samplesPerPixel; ++s, out += sampleBytes) {
+          const double v = image.planes[s * planeSize + size_t{y} * width + x];
+          if (depth == SampleDepth::k8) {
+            *out = static_cast<uint8_t>(QuantiseSample(v, 255));
+          } else if (depth == SampleDepth::k16) {
+            const auto q = static_cast<uint16_t>(QuantiseSample(v, 65535));
+            std::memcpy(out, &q, sizeof q);
+          } else {
+            // Beyond float's range the sample becomes an infinity of its sign, as IEEE rounding
+            // would give; the cast itself would be undefined there.
+            const float f = std::abs(v) > std::numeric_limits<float>::max()
+                                ? std::copysign(std::numeric_limits<float>::infinity(), v)
+                                : static_cast<float>(v);
+            std::memcpy(out, &f, sizeof f);
+          }
         }
       }
+      if (TIFFWriteScanline(t, row.data(), y, 0) < 0) Fail(path, stream, "cannot encode TIFF");
     }
-    if (TIFFWriteScanline(t, row.data(), y, 0) < 0) Fail(path, stream, "cannot encode TIFF");
+    if (!TIFFWriteDirectory(t)) Fail(path, stream, "cannot encode TIFF");
   }
-  if (!TIFFWriteDirectory(t)) Fail(path, stream, "cannot encode TIFF");
   tif.reset();
   std::string& file = stream.data;
   if (exifDirectory) {

@@ -3,6 +3,7 @@
 // Private to image/: the public entry is image/image_io.h.
 #pragma once
 
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -33,11 +34,24 @@ struct TiffContents {
   int orientation = 1;  // the TIFF orientation tag, 1 to 8; the pixels are as stored
 };
 
-// Reads a TIFF held in memory. Throws marlith::Error naming path when libtiff cannot read it,
-// when it has more than kMaxImagePixels pixels (checked before any pixel memory is taken), or
-// when its samples are of a type or colour space the table refuses: CIE L*a*b*, other colour
-// spaces than the above, other sample sizes, extra samples not marked as alpha.
-TiffContents ReadTiff(std::string_view bytes, const std::string& path);
+// What a TIFF file says of its pages as a whole: their number, and the first page's
+// description and resolution (ImageJ and OME-TIFF keep a stack's axes and voxel size there).
+struct TiffPages {
+  int count = 1;
+  std::string description;                      // ImageDescription, empty when none
+  double xResolution = 0.0, yResolution = 0.0;  // pixels per unit; 0 when not given
+  uint16_t resolutionUnit = 1;                  // 1 none, 2 inch, 3 centimetre
+};
+
+// Reads the above of a TIFF held in memory. Throws marlith::Error naming path when libtiff
+// cannot read it.
+TiffPages ReadTiffPages(std::string_view bytes, const std::string& path);
+
+// Reads page (0 the first) of a TIFF held in memory. Throws marlith::Error naming path when libtiff
+// cannot read it, when it has more than kMaxImagePixels pixels (checked before any pixel memory is
+// taken), or when its samples are of a type or colour space the table refuses: CIE L*a*b*, other
+// colour spaces than the above, other sample sizes, extra samples not marked as alpha.
+TiffContents ReadTiff(std::string_view bytes, const std::string& path, int page = 0);
 
 // "<path>: <reason>" when a TIFF's samples are CIE L*a*b* or signed integers, which
 // GraphicsMagick decodes wrongly (false colours, wrapped values); "" otherwise (also when
@@ -53,5 +67,13 @@ std::string TiffRefusal(std::string_view bytes, const std::string& path);
 // the file's EXIF directory (tag 34665; not in BigTIFF files). image must be consistent (see
 // WriteImageFile). Throws marlith::Error naming path when libtiff fails.
 std::string EncodeTiff(const LoadedImage& image, SampleDepth depth, const std::string& path);
+
+// The TIFF file holding pages as EncodeTiff holds one image, one directory each in order: the
+// first page's metadata in the first directory (an EXIF directory only in a one-page file);
+// with tags, every page gets its resolution, the first its description (replacing an
+// ImageDescription of the EXIF block), and a file of several pages marks each as a page of a
+// multi-page file (NewSubfileType, PageNumber).
+std::string EncodeTiffPages(std::span<const LoadedImage> pages, SampleDepth depth,
+                            const std::string& path, const TiffPages* tags);
 
 }  // namespace marlith
