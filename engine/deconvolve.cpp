@@ -251,9 +251,9 @@ constexpr double kLightStrengthScale = 0.5;
 
 // Deconvolves in linear light with the split solver: the road of every request but the exact
 // margins', which keep the frequency solver's output bit for bit.
-void RunLightSolver(const ConstImageView& image, std::vector<double>& planes,
-                    const PreparedKernel& kernel, const DeconvolveOptions& options, double strength,
-                    const RunProgress& progress) {
+SplitRunStats RunLightSolver(const ConstImageView& image, std::vector<double>& planes,
+                             const PreparedKernel& kernel, const DeconvolveOptions& options,
+                             double strength, const RunProgress& progress) {
   const LightCurve curve = CurveOf(options);
   const size_t planeSize = static_cast<size_t>(image.width) * image.height;
   const bool integer = image.type == SampleType::kUInt8 || image.type == SampleType::kUInt16;
@@ -281,8 +281,9 @@ void RunLightSolver(const ConstImageView& image, std::vector<double>& planes,
   // scaled by the curve's slope, and the prior with them.
   run.settings.lambda = kLightStrengthScale * 100.0 / std::max(strength, 1e-9) / slope;
   run.settings.rho = kDataPenalty;
-  RunSplitSolver(run);
+  const SplitRunStats stats = RunSplitSolver(run);
   curve.Encode(planes, options.threads);
+  return stats;
 }
 
 }  // namespace
@@ -356,7 +357,11 @@ DeconvolveReport Deconvolve(const ConstImageView& image, const KernelView& kerne
   } else if (options.margins == Margins::kExact) {
     RunFrequencySolver(request, run);
   } else {
-    RunLightSolver(image, planes, prepared, options, report.noiseStrength, run.progress);
+    const SplitRunStats stats =
+        RunLightSolver(image, planes, prepared, options, report.noiseStrength, run.progress);
+    report.innerRounds = stats.innerRounds;
+    report.workingWidth = stats.working.width;
+    report.workingHeight = stats.working.height;
   }
   WritePlanes(planes, output);
   if (options.progress) gate("done", 1.0);

@@ -3,9 +3,12 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <exception>
 #include <limits>
 #include <utility>
 #include <vector>
+
+#include "plane/worker_pool.h"
 
 namespace marlith {
 namespace {
@@ -16,7 +19,7 @@ constexpr int kDim = kPatch * kPatch;
 // (by about 2 sqrt(kDim / count) of their mean) to be read: the plane gets the fallback.
 constexpr size_t kMinPatches = 16 * kDim;
 // More patches than this add time, not accuracy: larger planes are sampled on a coarser grid.
-constexpr size_t kMaxPatches = size_t{1} << 17;
+constexpr size_t kMaxPatches = size_t{1} << 14;
 // Variance of rounding to the nearest of 256 levels: uniform error over 1/255.
 constexpr double kEightBitRoundingVariance = 1.0 / (12.0 * 255.0 * 255.0);
 // median |x| / kMadToSigma is the standard deviation of zero-mean Gaussian samples.
@@ -94,53 +97,67 @@ std::vector<double> SymmetricEigenvalues(std::vector<double> a, int n) {
   return values;
 }
 
-// The noise variance from the covariance of the given patches (top-left corners): the mean of
-// the largest set of smallest eigenvalues whose mean is also its median (as many above as below).
-double CovarianceNoiseVariance(const double* plane, int width, double centre,
-                               const std::vector<std::pair<int, int>>& corners) {
-  std::vector<double> sum(kDim, 0.0), products(kDim * kDim, 0.0);
-  double patch[kDim];
-  for (const auto& [x, y] : corners) {
+// Sums of the centred samples of a set of patches and of their products (upper triangle), from
+// which the set's covariance follows; patches can be added and taken away, so that a new selection
+// costs only the patches that changed sides.
+class PatchMoments {
+ public:
+  PatchMoments() : sum_(kDim, 0.0), products_(kDim * kDim, 0.0) {}
+
+  // sign +1 adds the patch at (x, y), -1 takes it away.
+  void Add(const double* plane, int width, double centre, int x, int y, double sign) {
+    double patch[kDim];
     for (int j = 0; j < kPatch; ++j)
       for (int i = 0; i < kPatch; ++i)
         patch[j * kPatch + i] = plane[static_cast<size_t>(y + j) * width + x + i] - centre;
     for (int r = 0; r < kDim; ++r) {
-      const double v = patch[r];
-      sum[r] += v;
-      double* row = products.data() + r * kDim;
+      const double v = sign * patch[r];
+      sum_[r] += v;
+      double* row = products_.data() + r * kDim;
       for (int c = r; c < kDim; ++c) row[c] += v * patch[c];
     }
+    count_ += sign > 0 ? 1 : -1;
   }
-  const double n = static_cast<double>(corners.size());
-  std::vector<double> covariance(kDim * kDim);
-  for (int r = 0; r < kDim; ++r)
-    for (int c = r; c < kDim; ++c)
-      covariance[r * kDim + c] = covariance[c * kDim + r] =
-          products[r * kDim + c] / n - (sum[r] / n) * (sum[c] / n);
 
-  std::vector<double> eigen = SymmetricEigenvalues(std::move(covariance), kDim);
-  for (double& e : eigen) e = std::max(e, 0.0);  // rounding can leave tiny negatives
-  std::sort(eigen.begin(), eigen.end());
-  for (int k = kDim; k > 1; --k) {
-    double mean = 0.0;
-    for (int i = 0; i < k; ++i) mean += eigen[i];
-    mean /= k;
-    int above = 0, below = 0;
-    for (int i = 0; i < k; ++i) {
-      above += eigen[i] > mean;
-      below += eigen[i] < mean;
+  // The noise variance: the mean of the largest set of smallest eigenvalues of the covariance
+  // whose mean is also its median (as many above as below).
+  double NoiseVariance() const {
+    const double n = static_cast<double>(count_);
+    std::vector<double> covariance(kDim * kDim);
+    for (int r = 0; r < kDim; ++r)
+      for (int c = r; c < kDim; ++c)
+        covariance[r * kDim + c] = covariance[c * kDim + r] =
+            products_[r * kDim + c] / n - (sum_[r] / n) * (sum_[c] / n);
+    std::vector<double> eigen = SymmetricEigenvalues(std::move(covariance), kDim);
+    for (double& e : eigen) e = std::max(e, 0.0);  // rounding can leave tiny negatives
+    std::sort(eigen.begin(), eigen.end());
+    for (int k = kDim; k > 1; --k) {
+      double mean = 0.0;
+      for (int i = 0; i < k; ++i) mean += eigen[i];
+      mean /= k;
+      int above = 0, below = 0;
+      for (int i = 0; i < k; ++i) {
+        above += eigen[i] > mean;
+        below += eigen[i] < mean;
+      }
+      if (above == below) return mean;
     }
-    if (above == below) return mean;
+    return eigen[0];
   }
-  return eigen[0];
-}
+
+ private:
+  std::vector<double> sum_, products_;
+  std::ptrdiff_t count_ = 0;
+};
 
 // Noise variance of one plane: first from all its patches, then, repeatedly, from the patches
 // whose structure is weak enough for noise of that variance alone to explain it (the weak-texture
 // selection of Liu, Tanaka and Okutomi, 2013): texture the blur leaves, such as grain, fur or
 // gravel, would otherwise fill the smallest eigenvalues too and read as noise. When fewer than
 // kMinPatches patches are weak, the kMinPatches weakest serve; when all are, the latest estimate
-// stands. Assumes at least kMinPatches patch positions.
+// stands. Each round's moments come from the last round's, adding the patches that joined and
+// taking away those that left, or afresh when that is fewer patches. Assumes at least
+// kMinPatches patch positions.
 double PatchCovarianceVariance(const double* plane, int width, int height) {
   const int nx = width - kPatch + 1, ny = height - kPatch + 1;
   int stride = 1;
@@ -159,7 +176,10 @@ double PatchCovarianceVariance(const double* plane, int width, int height) {
       corners.emplace_back(x, y);
       energy.push_back(DifferenceEnergy(plane, width, x, y));
     }
-  double variance = CovarianceNoiseVariance(plane, width, centre, corners);
+  PatchMoments moments;
+  for (const auto& [x, y] : corners) moments.Add(plane, width, centre, x, y, 1.0);
+  double variance = moments.NoiseVariance();
+  std::vector<char> chosen(corners.size(), 1);
   std::vector<size_t> order(corners.size());
   for (size_t i = 0; i < order.size(); ++i) order[i] = i;
   for (int round = 0; round < kSelectionRounds; ++round) {
@@ -174,11 +194,24 @@ double PatchCovarianceVariance(const double* plane, int width, int height) {
                        [&](size_t a, size_t b) { return energy[a] < energy[b]; });
       count = kMinPatches;
     }
-    std::vector<std::pair<int, int>> weak;
-    for (size_t i = 0; i < count; ++i) weak.push_back(corners[order[i]]);
-    const double next = CovarianceNoiseVariance(plane, width, centre, weak);
-    const bool settled = std::fabs(next - variance) <= 1e-3 * variance;
-    variance = next;
+    std::vector<char> next(corners.size(), 0);
+    for (size_t i = 0; i < count; ++i) next[order[i]] = 1;
+    size_t changed = 0;
+    for (size_t i = 0; i < corners.size(); ++i) changed += next[i] != chosen[i];
+    if (changed < count) {
+      for (size_t i = 0; i < corners.size(); ++i)
+        if (next[i] != chosen[i])
+          moments.Add(plane, width, centre, corners[i].first, corners[i].second,
+                      next[i] ? 1.0 : -1.0);
+    } else {
+      moments = PatchMoments();
+      for (size_t i = 0; i < count; ++i)
+        moments.Add(plane, width, centre, corners[order[i]].first, corners[order[i]].second, 1.0);
+    }
+    chosen = std::move(next);
+    const double nextVariance = moments.NoiseVariance();
+    const bool settled = std::fabs(nextVariance - variance) <= 1e-3 * variance;
+    variance = nextVariance;
     if (settled) break;
   }
   return variance;
@@ -218,26 +251,65 @@ bool OnEightBitGrid(std::span<const double> samples) {
   return true;
 }
 
-}  // namespace
-
-double EstimateNoiseLevel(std::span<const double> planes, int width, int height, int channels) {
-  if (width < 1 || height < 1 || channels < 1) return 0.0;
-  const size_t planeSize = static_cast<size_t>(width) * height;
-  const std::span<const double> samples = planes.first(planeSize * channels);
+bool AllFinite(std::span<const double> samples) {
   for (double v : samples)
-    if (!std::isfinite(v)) return std::numeric_limits<double>::quiet_NaN();
-  const size_t patches = width >= kPatch && height >= kPatch
-                             ? static_cast<size_t>(width - kPatch + 1) * (height - kPatch + 1)
-                             : 0;
+    if (!std::isfinite(v)) return false;
+  return true;
+}
+
+struct Planes {
+  std::span<const double> samples;
+  int width, height, channels;
+};
+
+// The noise variance of every plane of every image, in order (each plane one job on up to
+// threads threads; the results do not depend on how many).
+std::vector<double> PlaneVariances(const std::vector<Planes>& images, int threads) {
+  std::vector<std::pair<const Planes*, int>> jobs;
+  for (const Planes& image : images)
+    for (int c = 0; c < image.channels; ++c) jobs.emplace_back(&image, c);
+  std::vector<double> variances(jobs.size());
+  std::vector<std::exception_ptr> failures(jobs.size());
+  RunParallelJobs(static_cast<int>(jobs.size()), threads, [&](int job) {
+    try {
+      const Planes& image = *jobs[job].first;
+      const int width = image.width, height = image.height;
+      const double* plane =
+          image.samples.data() + static_cast<size_t>(jobs[job].second) * width * height;
+      const size_t patches = width >= kPatch && height >= kPatch
+                                 ? static_cast<size_t>(width - kPatch + 1) * (height - kPatch + 1)
+                                 : 0;
+      variances[job] = patches >= kMinPatches ? PatchCovarianceVariance(plane, width, height)
+                                              : SmallPlaneVariance(plane, width, height);
+    } catch (...) {
+      failures[job] = std::current_exception();
+    }
+  });
+  for (const std::exception_ptr& failure : failures)
+    if (failure) std::rethrow_exception(failure);
+  return variances;
+}
+
+// The level of the channels' mean variance, less 8-bit rounding's when samples lie on its grid.
+double LevelOf(std::span<const double> variances, std::span<const double> samples) {
   double variance = 0.0;
-  for (int c = 0; c < channels; ++c) {
-    const double* plane = samples.data() + c * planeSize;
-    variance += patches >= kMinPatches ? PatchCovarianceVariance(plane, width, height)
-                                       : SmallPlaneVariance(plane, width, height);
-  }
-  variance /= channels;
+  for (double v : variances) variance += v;
+  variance /= static_cast<double>(variances.size());
   if (OnEightBitGrid(samples)) variance = std::max(variance - kEightBitRoundingVariance, 0.0);
   return std::sqrt(variance);
+}
+
+}  // namespace
+
+double EstimateNoiseLevel(std::span<const double> planes, int width, int height, int channels,
+                          int threads) {
+  if (width < 1 || height < 1 || channels < 1) return 0.0;
+  const std::span<const double> samples =
+      planes.first(static_cast<size_t>(width) * height * channels);
+  if (!AllFinite(samples)) return std::numeric_limits<double>::quiet_NaN();
+  const std::vector<double> variances =
+      PlaneVariances({{samples, width, height, channels}}, threads);
+  return LevelOf(variances, samples);
 }
 
 double NoiseStrengthForLevel(double level) {
@@ -246,22 +318,28 @@ double NoiseStrengthForLevel(double level) {
 }
 
 double EstimateCompressedNoiseLevel(std::span<const double> planes, int width, int height,
-                                    int channels) {
-  const double full = EstimateNoiseLevel(planes, width, height, channels);
+                                    int channels, int threads) {
   const int halfWidth = width / 2, halfHeight = height / 2;
   // At least 784 patches at half resolution, as the full-resolution estimate needs.
-  if (!(full >= 0.0) || halfWidth < 34 || halfHeight < 34) return full;
+  if (halfWidth < 34 || halfHeight < 34 || channels < 1)
+    return EstimateNoiseLevel(planes, width, height, channels, threads);
   const size_t planeSize = static_cast<size_t>(width) * height;
+  const std::span<const double> samples = planes.first(planeSize * channels);
+  if (!AllFinite(samples)) return std::numeric_limits<double>::quiet_NaN();
   std::vector<double> half(static_cast<size_t>(halfWidth) * halfHeight * channels);
   for (int c = 0; c < channels; ++c)
     for (int y = 0; y < halfHeight; ++y)
       for (int x = 0; x < halfWidth; ++x) {
         const double* p =
-            planes.data() + c * planeSize + static_cast<size_t>(2 * y) * width + 2 * x;
+            samples.data() + c * planeSize + static_cast<size_t>(2 * y) * width + 2 * x;
         half[(static_cast<size_t>(c) * halfHeight + y) * halfWidth + x] =
             0.25 * (p[0] + p[1] + p[width] + p[width + 1]);
       }
-  const double coarse = 2.0 * EstimateNoiseLevel(half, halfWidth, halfHeight, channels);
+  // Both resolutions' planes at once, so that every thread has work.
+  const std::vector<double> variances = PlaneVariances(
+      {{samples, width, height, channels}, {half, halfWidth, halfHeight, channels}}, threads);
+  const double full = LevelOf(std::span(variances).first(channels), samples);
+  const double coarse = 2.0 * LevelOf(std::span(variances).subspan(channels), half);
   return full < 0.5 * coarse ? coarse : full;
 }
 

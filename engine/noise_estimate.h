@@ -21,8 +21,10 @@ namespace marlith {
 // A plane with too few patches (fewer than 784 positions, e.g. under 34 x 34) falls back to the
 // median absolute 2 x 2 diagonal difference; a single sample gives 0. Returns NaN when a sample
 // is not finite (callers refuse such input first). A size below 1 gives 0; otherwise planes must
-// hold at least width x height x channels samples.
-double EstimateNoiseLevel(std::span<const double> planes, int width, int height, int channels);
+// hold at least width x height x channels samples. The channels are estimated on up to threads
+// threads (0: one per core); the result does not depend on how many.
+double EstimateNoiseLevel(std::span<const double> planes, int width, int height, int channels,
+                          int threads = 0);
 
 // The command line's noise strength (unitless: the value a user would pass to
 // `marlith ... noise ...`) for a noise level as EstimateNoiseLevel returns it:
@@ -40,9 +42,9 @@ double NoiseStrengthForLevel(double level);
 // is read at half the resolution as well, from 2 x 2 means (white noise there is half as strong,
 // so the reading is doubled); when the full-resolution reading is under half of that, the image
 // has lost its fine noise and the half-resolution reading is the level. Images under 68 x 68
-// samples are read at full resolution only.
+// samples are read at full resolution only. Both readings' planes share up to threads threads.
 double EstimateCompressedNoiseLevel(std::span<const double> planes, int width, int height,
-                                    int channels);
+                                    int channels, int threads = 0);
 
 struct NoiseEstimate {
   double level;     // EstimateNoiseLevel

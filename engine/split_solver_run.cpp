@@ -132,7 +132,7 @@ Working PrepareWorking(const SplitRun& run) {
 
 }  // namespace
 
-void RunSplitSolver(const SplitRun& run) {
+SplitRunStats RunSplitSolver(const SplitRun& run) {
   const PreparedKernel& kernel = *run.kernel;
   if (kernel.width > run.width || kernel.height > run.height) {
     throw Error("the kernel (" + std::to_string(kernel.width) + " x " +
@@ -145,6 +145,8 @@ void RunSplitSolver(const SplitRun& run) {
   const size_t planeSize = w.size.Samples();
   SplitDeconvSolver solver(w.size, kernel.values, {kernel.width, kernel.height, 1}, run.threads);
   std::vector<double> estimate(planeSize);
+  SplitRunStats stats;
+  stats.working = w.size;
   for (int c = 0; c < run.channels; ++c) {
     const double done = kMarginShare + (1.0 - kMarginShare) * c / run.channels;
     if (run.progress) {
@@ -156,11 +158,13 @@ void RunSplitSolver(const SplitRun& run) {
     std::span<const double> observed(w.planes.data() + c * planeSize, planeSize);
     std::copy(observed.begin(), observed.end(), estimate.begin());
     solver.Solve(observed, {w.weights.data() + c * planeSize, planeSize}, estimate, run.settings);
+    stats.innerRounds += solver.lastSolve.innerRounds;
     for (int y = 0; y < run.height; ++y)
       std::copy_n(estimate.data() + static_cast<size_t>(y + w.offsetY) * w.size.width + w.offsetX,
                   run.width,
                   run.planes.data() + (static_cast<size_t>(c) * run.height + y) * run.width);
   }
+  return stats;
 }
 
 }  // namespace marlith

@@ -28,7 +28,12 @@ struct SplitRun {
   RunProgress progress;
 };
 
+struct SplitRunStats {
+  int innerRounds = 0;  // over all channels
+  VolumeSize working;   // the working plane
+};
+
 // Restores run.planes in place. Throws marlith::Error when the kernel is larger than the image.
-void RunSplitSolver(const SplitRun& run);
+SplitRunStats RunSplitSolver(const SplitRun& run);
 
 }  // namespace marlith

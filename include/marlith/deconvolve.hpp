@@ -179,6 +179,12 @@ struct DeconvolveReport {
   std::vector<double> kernel;
   int32_t kernelWidth = 0;
   int32_t kernelHeight = 0;
+  // The split solver's inner rounds over all channels and its working plane (each round
+  // transforms two planes of that size forward and back); 0 on the frequency solver's roads
+  // (exact margins, kernel refinement).
+  int32_t innerRounds = 0;
+  int32_t workingWidth = 0;
+  int32_t workingHeight = 0;
 };
 
 // Thrown when the progress callback asks to stop.

@@ -184,6 +184,23 @@ TEST(Deconvolve, ConcurrentCallsGiveTheSerialResultBitForBit) {
                ImageView::Planar(out, W, H));
   };
   run(outs[0].data());
+  // Other sizes planned in between (each road, one and two threads) leave the bits alone.
+  for (const auto& [w, h] : {std::pair{50, 42}, {64, 64}, {W, H}}) {
+    const auto other = Scene(w, h);
+    std::vector<double> out(other.size());
+    for (Margins margins : {Margins::kFast, Margins::kExact})
+      for (int threads : {1, 2}) {
+        DeconvolveOptions options;
+        options.margins = margins;
+        options.threads = threads;
+        options.noise = 0.1;
+        Deconvolve(ConstImageView::Planar(other.data(), w, h), {kernel, 3, 3},
+                   ImageView::Planar(out.data(), w, h), options);
+      }
+  }
+  std::vector<double> again(image.size());
+  run(again.data());
+  EXPECT_EQ(again, outs[0]);
   std::vector<std::thread> threads;
   for (int t = 1; t < 4; ++t) threads.emplace_back(run, outs[t].data());
   for (auto& t : threads) t.join();
