@@ -22,6 +22,7 @@ struct PreparedKernel {
   std::vector<double> values;
   int width = 0;
   int height = 0;
+  int depth = 1;  // slices of a volume's kernel, one after another
 };
 
 // Trims the kernel to its support, blends in the stored correction when it matches the

@@ -19,7 +19,7 @@ struct Working {
   std::vector<double> planes;  // channels x size
   std::vector<float> weights;  // channels x size
   VolumeSize size;
-  int offsetX = 0, offsetY = 0;  // where the image's sample (0, 0) lies
+  int offsetX = 0, offsetY = 0, offsetZ = 0;  // where the image's sample (0, 0, 0) lies
 };
 
 // Fills the samples of a plane that no data observe (weight 0: a mask's zeros) with the mean
@@ -62,12 +62,13 @@ void FillUnobserved(std::span<double> plane, std::span<const float> weights, int
   }
 }
 
-// The image's planes with their last column and row repeated to even sizes, which the margin
-// fit takes.
+// The image's planes (slices) with their last column and row repeated to even sizes, which the
+// margin fit takes.
 std::vector<double> EvenPlanes(std::span<const double> planes, const SplitRun& run, int evenWidth,
                                int evenHeight) {
-  std::vector<double> out(static_cast<size_t>(evenWidth) * evenHeight * run.channels);
-  for (int c = 0; c < run.channels; ++c)
+  const int slices = run.channels * run.depth;
+  std::vector<double> out(static_cast<size_t>(evenWidth) * evenHeight * slices);
+  for (int c = 0; c < slices; ++c)
     for (int y = 0; y < evenHeight; ++y) {
       const double* in =
           planes.data() +
@@ -79,21 +80,44 @@ std::vector<double> EvenPlanes(std::span<const double> planes, const SplitRun& r
   return out;
 }
 
+// Places the working slices of a volume (channels x depth planes of the working width and
+// height) in a working volume with z margins, which the data do not observe: they start as a
+// blend from the last slice to the first, the volume's periodic continuation.
+void AddDepthMargins(Working& w, const SplitRun& run, std::vector<double> slices) {
+  const size_t sliceSize = static_cast<size_t>(w.size.width) * w.size.height;
+  const int depth = w.size.depth, margin = depth - run.depth;
+  std::vector<double> volume(sliceSize * depth * run.channels);
+  for (int c = 0; c < run.channels; ++c) {
+    const double* first = slices.data() + static_cast<size_t>(c) * run.depth * sliceSize;
+    const double* last = first + (run.depth - 1) * sliceSize;
+    double* out = volume.data() + static_cast<size_t>(c) * depth * sliceSize;
+    std::copy_n(first, run.depth * sliceSize, out + w.offsetZ * sliceSize);
+    for (int k = 1; k <= margin; ++k) {
+      const double f = static_cast<double>(k) / (margin + 1);
+      double* slice = out + ((w.offsetZ + run.depth - 1 + k) % depth) * sliceSize;
+      for (size_t i = 0; i < sliceSize; ++i) slice[i] = (1.0 - f) * last[i] + f * first[i];
+    }
+  }
+  w.planes = std::move(volume);
+}
+
 Working PrepareWorking(const SplitRun& run) {
   const PreparedKernel& kernel = *run.kernel;
   Working w;
-  const size_t imageSize = static_cast<size_t>(run.width) * run.height;
+  const size_t sliceSize = static_cast<size_t>(run.width) * run.height;
+  const size_t imageSize = sliceSize * run.depth;
   const bool planeWeights = run.weights.size() >= imageSize * run.channels;
   auto imageWeights = [&](int c) {
     return run.weights.subspan(planeWeights ? c * imageSize : 0, imageSize);
   };
   std::vector<double> image(run.planes.begin(), run.planes.end());
   if (!run.weights.empty())
-    for (int c = 0; c < run.channels; ++c)
-      FillUnobserved({image.data() + c * imageSize, imageSize}, imageWeights(c), run.width,
-                     run.height, std::max(kernel.width, kernel.height));
+    for (int s = 0; s < run.channels * run.depth; ++s)
+      FillUnobserved({image.data() + s * sliceSize, sliceSize},
+                     imageWeights(s / run.depth).subspan((s % run.depth) * sliceSize, sliceSize),
+                     run.width, run.height, std::max(kernel.width, kernel.height));
   if (run.boundary == Boundary::kPeriodic) {
-    w.size = {run.width, run.height, 1};
+    w.size = {run.width, run.height, run.depth};
     w.planes = std::move(image);
   } else {
     const int evenWidth = run.width + (run.width & 1), evenHeight = run.height + (run.height & 1);
@@ -107,25 +131,41 @@ Working PrepareWorking(const SplitRun& run) {
     w.size = {evenWidth + 2 * padX, evenHeight + 2 * padY, 1};
     w.offsetX = padX;
     w.offsetY = padY;
-    w.planes = extendPeriodicBorderPlanesFast(EvenPlanes(image, run, evenWidth, evenHeight),
-                                              run.channels, evenWidth, evenHeight, padX, padY,
-                                              kernel.width, kernel.height, run.threads);
+    std::vector<double> slices = extendPeriodicBorderPlanesFast(
+        EvenPlanes(image, run, evenWidth, evenHeight), run.channels * run.depth, evenWidth,
+        evenHeight, padX, padY, kernel.width, kernel.height, run.threads);
+    image = {};
+    if (run.depth == 1) {
+      w.planes = std::move(slices);
+    } else {
+      // Along z the borders are unknown: margins as deep as the kernel reaches.
+      w.size.depth = NextFastSize(run.depth + kernel.depth + 1);
+      w.offsetZ = (w.size.depth - run.depth) / 2;
+      AddDepthMargins(w, run, std::move(slices));
+    }
   }
   // Weights: the image's own where it lies; the margins observed (smooth: the fitted margin is
   // taken as data) or not (unknown).
   const size_t planeSize = w.size.Samples();
+  const size_t workingSlice = static_cast<size_t>(w.size.width) * w.size.height;
   const float margin = run.boundary == Boundary::kUnknown ? 0.0f : 1.0f;
   w.weights.assign(planeSize * run.channels, margin);
   for (int c = 0; c < run.channels; ++c) {
-    const float* in = run.weights.empty() ? nullptr : imageWeights(c).data();
-    for (int y = 0; y < run.height; ++y) {
-      float* row = w.weights.data() + c * planeSize +
-                   static_cast<size_t>(y + w.offsetY) * w.size.width + w.offsetX;
-      if (in)
-        std::copy_n(in + static_cast<size_t>(y) * run.width, run.width, row);
-      else
-        std::fill_n(row, run.width, 1.0f);
+    float* volume = w.weights.data() + c * planeSize;
+    if (w.size.depth > run.depth) {
+      std::fill_n(volume, w.offsetZ * workingSlice, 0.0f);
+      std::fill(volume + (w.offsetZ + run.depth) * workingSlice, volume + planeSize, 0.0f);
     }
+    const float* in = run.weights.empty() ? nullptr : imageWeights(c).data();
+    for (int z = 0; z < run.depth; ++z)
+      for (int y = 0; y < run.height; ++y) {
+        float* row = volume + (z + w.offsetZ) * workingSlice +
+                     static_cast<size_t>(y + w.offsetY) * w.size.width + w.offsetX;
+        if (in)
+          std::copy_n(in + z * sliceSize + static_cast<size_t>(y) * run.width, run.width, row);
+        else
+          std::fill_n(row, run.width, 1.0f);
+      }
   }
   return w;
 }
@@ -140,11 +180,16 @@ SplitRunStats RunSplitSolver(const SplitRun& run) {
                 " after trimming and bordering) is larger than the image (" +
                 std::to_string(run.width) + " x " + std::to_string(run.height) + ")");
   }
+  if (run.boundary == Boundary::kPeriodic && kernel.depth > run.depth) {
+    throw Error("the kernel's " + std::to_string(kernel.depth) +
+                " slices (after trimming and bordering) are more than the volume's " +
+                std::to_string(run.depth) + " for periodic borders");
+  }
   if (run.progress) run.progress("margins", 0.0);
   Working w = PrepareWorking(run);
   const size_t planeSize = w.size.Samples();
-  SplitDeconvSolver solver(w.size, kernel.values, {kernel.width, kernel.height, 1}, run.threads);
-  std::vector<double> estimate(planeSize);
+  SplitDeconvSolver solver(w.size, kernel.values, {kernel.width, kernel.height, kernel.depth},
+                           run.threads);
   SplitRunStats stats;
   stats.working = w.size;
   for (int c = 0; c < run.channels; ++c) {
@@ -155,14 +200,18 @@ SplitRunStats RunSplitSolver(const SplitRun& run) {
         run.progress("deconvolution", done + (1.0 - kMarginShare) * fraction / run.channels);
       };
     }
-    std::span<const double> observed(w.planes.data() + c * planeSize, planeSize);
-    std::copy(observed.begin(), observed.end(), estimate.begin());
-    solver.Solve(observed, {w.weights.data() + c * planeSize, planeSize}, estimate, run.settings);
+    // The observed samples are the starting point, and the result replaces them.
+    std::span<double> estimate(w.planes.data() + c * planeSize, planeSize);
+    solver.Solve(estimate, {w.weights.data() + c * planeSize, planeSize}, estimate, run.settings);
     stats.innerRounds += solver.lastSolve.innerRounds;
-    for (int y = 0; y < run.height; ++y)
-      std::copy_n(estimate.data() + static_cast<size_t>(y + w.offsetY) * w.size.width + w.offsetX,
-                  run.width,
-                  run.planes.data() + (static_cast<size_t>(c) * run.height + y) * run.width);
+    const size_t workingSlice = static_cast<size_t>(w.size.width) * w.size.height;
+    for (int z = 0; z < run.depth; ++z)
+      for (int y = 0; y < run.height; ++y)
+        std::copy_n(estimate.data() + (z + w.offsetZ) * workingSlice +
+                        static_cast<size_t>(y + w.offsetY) * w.size.width + w.offsetX,
+                    run.width,
+                    run.planes.data() +
+                        ((static_cast<size_t>(c) * run.depth + z) * run.height + y) * run.width);
   }
   return stats;
 }

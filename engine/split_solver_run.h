@@ -12,16 +12,20 @@
 namespace marlith {
 
 struct SplitRun {
-  // channels x height x width samples (linear light): in, the observed image; out, the result.
+  // channels x depth x height x width samples (linear light): in, the observed image; out, the
+  // result.
   std::span<double> planes;
   int width = 0, height = 0, channels = 0;
+  // Slices of a volume (restored in 3-D with a kernel of kernel->depth slices); 1 for images.
+  int depth = 1;
   // The data step's weight of every sample (>= 0, or a bound code), laid out as planes; or one
   // plane for every channel; empty: every sample weighs 1.
   std::span<const float> weights;
-  // The kernel, its origin at sample (width / 2, height / 2).
+  // The kernel, its origin at sample (width / 2, height / 2, depth / 2).
   const PreparedKernel* kernel = nullptr;
   // kPeriodic: solved at the image's own size. kSmooth: smooth periodic margins, observed as
-  // the image is. kUnknown: margins as wide as the kernel reaches, not observed.
+  // the image is. kUnknown: margins as wide as the kernel reaches, not observed. Along z (depth
+  // > 1) the margins are unknown but for kPeriodic.
   Boundary boundary = Boundary::kUnknown;
   SplitSolveSettings settings;
   int threads = 0;

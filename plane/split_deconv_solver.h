@@ -93,7 +93,8 @@ class SplitDeconvSolver {
 
   // Restores estimate (Samples() values: in, the starting point; out, the result) from the
   // observed samples y under per-sample weights (>= 0, or a bound code above). Every array is
-  // compact, width values a row. Reuses the working planes of earlier solves.
+  // compact, width values a row; estimate may be the observed array (it is written only at the
+  // end). Reuses the working planes of earlier solves.
   void Solve(std::span<const double> observed, std::span<const float> weights,
              std::span<double> estimate, const SplitSolveSettings& settings);
 

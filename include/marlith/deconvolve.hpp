@@ -85,12 +85,50 @@ struct BasicImageView {
 using ImageView = BasicImageView<void>;
 using ConstImageView = BasicImageView<const void>;
 
+// A borrowed view of one channel of width x height x depth samples (a z-stack): sample
+// (x, y, z) is at element x * columnStride + y * rowStride + z * sliceStride from data (strides
+// in samples, possibly negative). The view owns nothing.
+template <typename Data>
+struct BasicVolumeView {
+  Data* data = nullptr;
+  SampleType type = SampleType::kFloat64;
+  int32_t width = 0;
+  int32_t height = 0;
+  int32_t depth = 0;
+  std::ptrdiff_t columnStride = 0;
+  std::ptrdiff_t rowStride = 0;
+  std::ptrdiff_t sliceStride = 0;
+
+  // Slices one after another, each height rows of width samples (numpy's C order of (Z, Y, X)).
+  template <typename T>
+  static BasicVolumeView Compact(T* data, int32_t width, int32_t height, int32_t depth) {
+    const auto plane = BasicImageView<Data>::Planar(data, width, height, depth);
+    return {plane.data, plane.type, width, height, depth, 1, plane.rowStride, plane.channelStride};
+  }
+
+  // A mutable view reads as a constant one.
+  operator BasicVolumeView<const void>() const {
+    return {data, type, width, height, depth, columnStride, rowStride, sliceStride};
+  }
+};
+using VolumeView = BasicVolumeView<void>;
+using ConstVolumeView = BasicVolumeView<const void>;
+
 // A blur kernel: height rows of width values, row-major, on any scale (it is normalised to
 // sum 1 here). Every value must be finite and non-negative, and their sum positive.
 struct KernelView {
   std::span<const double> values;
   int32_t width = 0;
   int32_t height = 0;
+};
+
+// A volume's blur kernel (point spread function): depth slices of height rows of width values,
+// on any scale (normalised to sum 1), its origin at sample (width / 2, height / 2, depth / 2).
+struct VolumeKernelView {
+  std::span<const double> values;
+  int32_t width = 0;
+  int32_t height = 0;
+  int32_t depth = 0;
 };
 
 enum class Boundary : int32_t {
@@ -149,7 +187,8 @@ struct DeconvolveOptions {
   std::vector<double> toneCurve;
   // A weight for every sample of the image, in [0, 1] (0: not observed, left out of the fit;
   // MATLAB's deconvlucy WEIGHT): a view of the image's width and height with one channel (for
-  // every channel) or the image's channel count. No data: every sample weighs 1.
+  // every channel) or the image's channel count. No data: every sample weighs 1. Needs
+  // Margins::kFast and no refineKernel (Error otherwise).
   BasicImageView<const void> mask;
   // Samples at or above this value (in the image's 0-to-1 range) were clipped by the sensor:
   // the light there was at least that bright, and the fit takes them as bounds, not data.
@@ -160,6 +199,9 @@ struct DeconvolveOptions {
   // kPoisson: the camera's baseline in the image's sample units (0 to 65535 for 16-bit
   // samples); empty: estimated from the darkest samples.
   std::optional<double> offset;
+  // Volumes: the z step over the xy sample spacing (200 nm steps over 65 nm pixels: 3.08). The
+  // gradient prior weighs differences along z by its inverse.
+  double voxelAspect = 1.0;
   // Re-estimate the kernel from a first solve (with four times the noise), clean it, and
   // deconvolve with the refined kernel.
   bool refineKernel = false;
@@ -179,6 +221,7 @@ struct DeconvolveReport {
   std::vector<double> kernel;
   int32_t kernelWidth = 0;
   int32_t kernelHeight = 0;
+  int32_t kernelDepth = 1;
   // The split solver's inner rounds over all channels and its working plane (each round
   // transforms two planes of that size forward and back); 0 on the frequency solver's roads
   // (exact margins, kernel refinement).
@@ -204,6 +247,16 @@ class MARLITH_API Cancelled : public Error {
 // partly written.
 MARLITH_API DeconvolveReport Deconvolve(const ConstImageView& image, const KernelView& kernel,
                                         const ImageView& output,
+                                        const DeconvolveOptions& options = {});
+
+// Deconvolves a volume (one channel of a z-stack) with a 3-D kernel under options into output
+// of the volume's size, in 3-D: the gradient prior along x, y and z (z weighed by
+// 1 / options.voxelAspect), borders along z unknown unless options.boundary is kPeriodic. A
+// kernel of depth 1 blurs within each slice. Options as for images, but margins must be kFast,
+// without kernel refinement, mask or tone curve; the report's kernel is the centred, bordered
+// kernel, slices one after another, its depth in kernelDepth. Throws as the image overload does.
+MARLITH_API DeconvolveReport Deconvolve(const ConstVolumeView& volume,
+                                        const VolumeKernelView& kernel, const VolumeView& output,
                                         const DeconvolveOptions& options = {});
 
 struct NoiseReport {

@@ -42,19 +42,26 @@ class NoiseEstimate(NamedTuple):
     """The noise strength ``deconvolve(..., noise="auto")`` chooses for it."""
 
 
-def _image_array(image, name: str = "image") -> np.ndarray:
-    """The image as an array the library can view, or TypeError/ValueError saying why not."""
+def _image_array(image, name: str = "image", volume: bool = False) -> np.ndarray:
+    """The image (or a volume) as an array the library can view, or TypeError/ValueError saying
+    why not."""
     a = np.asarray(image)
     if a.dtype.type not in _SAMPLE_TYPES:
         raise TypeError(
             f"the {name}'s samples must be uint8, uint16, float32 or float64, not {a.dtype}"
         )
-    if a.ndim not in (2, 3):
+    if volume:
+        if a.ndim != 3:
+            raise TypeError(
+                f"with a 3-D kernel the {name} must be a 3-D volume (depth, height, width), "
+                f"not {a.ndim}-D"
+            )
+    elif a.ndim not in (2, 3):
         raise TypeError(
             f"the {name} must be 2-D (height, width) or 3-D (height, width, channels), "
             f"not {a.ndim}-D"
         )
-    if a.ndim == 3 and a.shape[2] not in (1, 3, 4):
+    if not volume and a.ndim == 3 and a.shape[2] not in (1, 3, 4):
         raise ValueError(
             f"the {name} has {a.shape[2]} channels: it must have 1 (grey), 3 (colour) "
             "or 4 (colour and alpha)"
@@ -78,8 +85,11 @@ def _kernel_array(kernel, image=None, colorspace="linear") -> np.ndarray:
     k = np.asarray(kernel)
     if k.dtype.kind not in "biuf":
         raise TypeError(f"the kernel's values must be real numbers, not {k.dtype}")
-    if k.ndim != 2:
-        raise TypeError(f"the kernel must be a 2-D array (height, width), not {k.ndim}-D")
+    if k.ndim not in (2, 3):
+        raise TypeError(
+            "the kernel must be a 2-D array (height, width) or, for a volume, a 3-D one "
+            f"(depth, height, width), not {k.ndim}-D"
+        )
     return np.ascontiguousarray(k, dtype=np.float64)
 
 
@@ -137,11 +147,15 @@ def deconvolve(
     kernel: np.ndarray,
     *,
     noise: Union[float, Literal["auto"]] = _DEFAULTS["noise"],
-    boundary: Literal["smooth", "periodic"] = _DEFAULTS["boundary"],
+    boundary: Literal["smooth", "periodic", "unknown"] = _DEFAULTS["boundary"],
     margins: Literal["fast", "exact"] = _DEFAULTS["margins"],
     kernel_origin: Literal["center", "support"] = _DEFAULTS["kernel_origin"],
     refine_kernel: bool = _DEFAULTS["refine_kernel"],
     colorspace: Literal["linear", "srgb"] = _DEFAULTS["colorspace"],
+    mask: np.ndarray | None = None,
+    noise_model: Literal["gaussian", "poisson"] = _DEFAULTS["noise_model"],
+    offset: float | None = _DEFAULTS["offset"],
+    voxel_aspect: float = _DEFAULTS["voxel_aspect"],
     threads: int | None = _DEFAULTS["threads"],
     progress: bool | ProgressCallable = False,
 ) -> np.ndarray:
@@ -149,12 +163,13 @@ def deconvolve(
 
     Parameters
     ----------
-    image : ndarray, shape (H, W) or (H, W, C) with C of 1, 3 or 4
-        The blurred image, in any memory layout (C or Fortran order, or a strided view). uint8
+    image : ndarray, shape (H, W) or (H, W, C) with C of 1, 3 or 4, or (Z, Y, X)
+        The blurred image, or with a 3-D kernel a volume (a z-stack of one channel), restored
+        in 3-D. In any memory layout (C or Fortran order, or a strided view). uint8
         and uint16 samples are scaled by their full range; float32 and float64 samples are
         taken on the [0, 1] scale. Every channel is restored on its own; a fourth channel is
         alpha and is copied unchanged.
-    kernel : array_like, shape (KH, KW), or str
+    kernel : array_like, shape (KH, KW) or (KZ, KY, KX), or str
         The blur kernel, real numbers on any scale: it is normalised to sum 1. Every value
         must be finite and non-negative, and their sum positive. Or a shape (see
         :mod:`marlith.kernels`): ``"gaussian:SIGMA"``, ``"disk:RADIUS"``,
@@ -162,9 +177,11 @@ def deconvolve(
     noise : float or "auto", optional
         Noise strength: smaller restores more detail and more noise (0.1 suits about 1 %
         noise). "auto" estimates it from the image (see :func:`estimate_noise`).
-    boundary : {"smooth", "periodic"}, optional
+    boundary : {"smooth", "periodic", "unknown"}, optional
         "smooth" gives the image smooth periodic margins first (right for photographs);
-        "periodic" takes the image as periodic (right for circularly blurred test images).
+        "periodic" takes the image as periodic (right for circularly blurred test images);
+        "unknown" restores a margin as wide as the kernel's reach without observing it
+        (the blur reached past the frame; margins="fast" only).
     margins : {"fast", "exact"}, optional
         "exact" adds three kernel sizes on every side and fits them as the ``marlith``
         command line does; "fast" widens them so that the transforms run at fast sizes and
@@ -180,6 +197,23 @@ def deconvolve(
         restores them as they are; "srgb" linearises them with the sRGB curve, restores
         them in linear light (where the blur happened) and encodes the result back. Use
         "srgb" for photographs read from 8- or 16-bit files.
+    mask : ndarray, shape (H, W) or (H, W, C), optional
+        A weight for every sample, in [0, 1], as MATLAB's ``deconvlucy`` WEIGHT: 0 leaves the
+        sample out of the fit (dust, dead pixels, text laid over the image), 1 counts it
+        fully. (H, W) weighs every channel alike, (H, W, C) channel by channel; uint8 and
+        uint16 masks are scaled by their full range. Needs ``margins="fast"`` and no
+        ``refine_kernel``.
+    noise_model : {"gaussian", "poisson"}, optional
+        "poisson": the samples are photon counts over a camera offset (fluorescence
+        microscopes, astronomy): the fit weighs every sample by its photon noise, the gain and
+        read noise are estimated from the image, and the result is non-negative above the
+        offset. Needs ``margins="fast"``, no ``refine_kernel`` and linear samples.
+    offset : float or None, optional
+        With ``noise_model="poisson"``: the camera's baseline in sample units (100 on a
+        16-bit camera that adds 100 to every count). None estimates it from the darkest
+        samples.
+    voxel_aspect : float, optional
+        Volumes: the z step over the pixel size (200 nm steps over 65 nm pixels: 3.08).
     threads : int or None, optional
         Threads for the engine; None uses every core.
     progress : bool or callable, optional
@@ -214,8 +248,12 @@ def deconvolve(
     ((120, 160, 3), dtype('uint8'))
     """
     original = np.asarray(image)
-    a = _image_array(original)
-    k = _kernel_array(kernel, original, colorspace)
+    # A 3-D kernel (an array or a generated PSF with planes) makes the image a volume.
+    k = None if isinstance(kernel, str) and kernel == "gaussian:auto" else _kernel_array(kernel)
+    volume = k is not None and k.ndim == 3
+    a = _image_array(original, volume=volume)
+    if k is None:
+        k = _kernel_array(kernel, original, colorspace)
     options = dict(
         noise=_noise_option(noise),
         boundary=boundary,
@@ -223,8 +261,16 @@ def deconvolve(
         kernel_origin=kernel_origin,
         refine_kernel=bool(refine_kernel),
         colorspace=colorspace,
+        noise_model=noise_model,
+        offset=None if offset is None else float(offset),
+        voxel_aspect=float(voxel_aspect),
         threads=_threads_option(threads),
     )
+    if mask is not None:
+        m = _image_array(mask, "mask")
+        if m.ndim == 3 and m.shape[2] == 4:
+            m = m[..., :3]
+        options["mask"] = m
     if progress is True:
         callback = _ProgressBar()
     elif progress is False or progress is None:
@@ -236,7 +282,7 @@ def deconvolve(
             f"progress is True, False or a callable, not {type(progress).__name__}"
         )
     out = np.empty_like(a)
-    alpha = a.ndim == 3 and a.shape[2] == 4
+    alpha = not volume and a.ndim == 3 and a.shape[2] == 4
     colour_in, colour_out = (a[..., :3], out[..., :3]) if alpha else (a, out)
     try:
         _core.deconvolve(colour_in, k, colour_out, progress=callback, **options)

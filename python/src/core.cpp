@@ -28,6 +28,7 @@ constexpr std::array<const char*, 3> kBoundaryWords{"periodic", "smooth", "unkno
 constexpr std::array<const char*, 2> kMarginsWords{"exact", "fast"};
 constexpr std::array<const char*, 2> kOriginWords{"center", "support"};
 constexpr std::array<const char*, 2> kColorspaceWords{"linear", "srgb"};
+constexpr std::array<const char*, 2> kNoiseModelWords{"gaussian", "poisson"};
 
 template <typename Enum, std::size_t N>
 Enum Choice(const std::string& word, const std::array<const char*, N>& words, const char* name) {
@@ -135,19 +136,42 @@ marlith::ProgressCallback Progress(const py::object& callable, PendingError& pen
   };
 }
 
-void Deconvolve(const py::array& image, const py::array_t<double, py::array::c_style>& kernel,
-                const py::array& output, std::optional<double> noise, const std::string& boundary,
-                const std::string& margins, const std::string& kernelOrigin, bool refineKernel,
-                int32_t threads, const py::object& progress, const std::string& colorspace) {
-  const auto in = ViewOf<marlith::ConstImageView>(image, false);
-  const auto out = ViewOf<marlith::ImageView>(output, true);
-  if (kernel.ndim() != 2) throw py::type_error("the kernel must be 2-D");
-  if (kernel.shape(0) > std::numeric_limits<int32_t>::max() ||
-      kernel.shape(1) > std::numeric_limits<int32_t>::max())
+// A (depth, height, width) volume's view: the image view of an array read as (Z, Y, X).
+template <typename Volume, typename View>
+Volume VolumeOf(const py::array& a, bool writeable) {
+  if (a.ndim() != 3) throw py::type_error("the volume must be 3-D");
+  const View v = ViewOf<View>(a, writeable);  // height = Z, width = Y, channels = X
+  return {v.data,     v.type,        v.channels,   v.width,
+          v.height,   v.channelStride, v.columnStride, v.rowStride};
+}
+
+// Deconvolve over a volume: (depth, height, width) arrays and kernel.
+marlith::DeconvolveReport DeconvolveVolume(const py::array& image,
+                                           const py::array_t<double, py::array::c_style>& kernel,
+                                           const py::array& output,
+                                           const marlith::DeconvolveOptions& options) {
+  const auto in = VolumeOf<marlith::ConstVolumeView, marlith::ConstImageView>(image, false);
+  const auto out = VolumeOf<marlith::VolumeView, marlith::ImageView>(output, true);
+  constexpr py::ssize_t kMax = std::numeric_limits<int32_t>::max();
+  if (kernel.shape(0) > kMax || kernel.shape(1) > kMax || kernel.shape(2) > kMax)
     throw py::value_error("the kernel is too large");
-  const marlith::KernelView k{{kernel.data(), static_cast<std::size_t>(kernel.size())},
-                              static_cast<int32_t>(kernel.shape(1)),
-                              static_cast<int32_t>(kernel.shape(0))};
+  const marlith::VolumeKernelView k{{kernel.data(), static_cast<std::size_t>(kernel.size())},
+                                    static_cast<int32_t>(kernel.shape(2)),
+                                    static_cast<int32_t>(kernel.shape(1)),
+                                    static_cast<int32_t>(kernel.shape(0))};
+  py::gil_scoped_release release;
+  return marlith::Deconvolve(in, k, out, options);
+}
+
+py::dict Deconvolve(const py::array& image, const py::array_t<double, py::array::c_style>& kernel,
+                    const py::array& output, std::optional<double> noise,
+                    const std::string& boundary, const std::string& margins,
+                    const std::string& kernelOrigin, bool refineKernel, int32_t threads,
+                    const py::object& progress, const std::string& colorspace,
+                    const py::object& mask, const std::string& noiseModel,
+                    std::optional<double> offset, double voxelAspect) {
+  const bool volume = kernel.ndim() == 3;
+  if (kernel.ndim() != 2 && !volume) throw py::type_error("the kernel must be 2-D or 3-D");
   marlith::DeconvolveOptions options;
   options.noise = noise;
   options.boundary = Choice<marlith::Boundary>(boundary, kBoundaryWords, "boundary");
@@ -156,15 +180,37 @@ void Deconvolve(const py::array& image, const py::array_t<double, py::array::c_s
   options.refineKernel = refineKernel;
   options.colorspace = Choice<marlith::Colorspace>(colorspace, kColorspaceWords, "colorspace");
   options.threads = threads;
+  options.noiseModel = Choice<marlith::NoiseModel>(noiseModel, kNoiseModelWords, "noise_model");
+  options.offset = offset;
+  options.voxelAspect = voxelAspect;
+  if (!mask.is_none()) options.mask = ViewOf<marlith::ConstImageView>(mask.cast<py::array>(), false);
   PendingError pending;
   options.progress = Progress(progress, pending);
+  marlith::DeconvolveReport report;
   try {
-    py::gil_scoped_release release;
-    marlith::Deconvolve(in, k, out, options);
+    if (volume) {
+      report = DeconvolveVolume(image, kernel, output, options);
+    } else {
+      const auto in = ViewOf<marlith::ConstImageView>(image, false);
+      const auto out = ViewOf<marlith::ImageView>(output, true);
+      if (kernel.shape(0) > std::numeric_limits<int32_t>::max() ||
+          kernel.shape(1) > std::numeric_limits<int32_t>::max())
+        throw py::value_error("the kernel is too large");
+      const marlith::KernelView k{{kernel.data(), static_cast<std::size_t>(kernel.size())},
+                                  static_cast<int32_t>(kernel.shape(1)),
+                                  static_cast<int32_t>(kernel.shape(0))};
+      py::gil_scoped_release release;
+      report = marlith::Deconvolve(in, k, out, options);
+    }
   } catch (const marlith::Cancelled&) {
     if (pending.Held()) pending.Raise();
     throw;
   }
+  py::dict result;
+  result["noise_level"] = report.noiseLevel;
+  result["noise_strength"] = report.noiseStrength;
+  result["offset"] = report.offset;
+  return result;
 }
 
 py::tuple EstimateNoise(const py::array& image) {
@@ -212,6 +258,9 @@ py::dict DefaultOptions() {
   d["kernel_origin"] = Word(defaults.kernelOrigin, kOriginWords);
   d["refine_kernel"] = defaults.refineKernel;
   d["colorspace"] = Word(defaults.colorspace, kColorspaceWords);
+  d["noise_model"] = Word(defaults.noiseModel, kNoiseModelWords);
+  d["offset"] = defaults.offset ? py::cast(*defaults.offset) : py::none();
+  d["voxel_aspect"] = defaults.voxelAspect;
   // The library's 0 ("every core") is None in Python.
   d["threads"] = defaults.threads == 0 ? py::none() : py::cast(defaults.threads);
   return d;
@@ -234,7 +283,9 @@ PYBIND11_MODULE(_core, m) {
   });
   m.def("deconvolve", &Deconvolve, py::arg("image"), py::arg("kernel"), py::arg("output"),
         py::arg("noise"), py::arg("boundary"), py::arg("margins"), py::arg("kernel_origin"),
-        py::arg("refine_kernel"), py::arg("threads"), py::arg("progress"), py::arg("colorspace"));
+        py::arg("refine_kernel"), py::arg("threads"), py::arg("progress"), py::arg("colorspace"),
+        py::arg("mask") = py::none(), py::arg("noise_model") = "gaussian",
+        py::arg("offset") = py::none(), py::arg("voxel_aspect") = 1.0);
   m.def("estimate_noise", &EstimateNoise, py::arg("image"));
   m.def("default_options", &DefaultOptions);
   m.def("shape_kernel", &ShapeKernel, py::arg("spec"));
