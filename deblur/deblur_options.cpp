@@ -85,6 +85,8 @@ constexpr Choice<KernelOrigin> kOrigins[] = {{"center", KernelOrigin::kCenter},
                                              {"support", KernelOrigin::kSupport}};
 constexpr Choice<std::optional<Colorspace>> kColorspaces[] = {
     {"auto", std::nullopt}, {"linear", Colorspace::kLinear}, {"srgb", Colorspace::kSrgb}};
+constexpr Choice<NoiseModel> kNoiseModels[] = {{"gaussian", NoiseModel::kGaussian},
+                                              {"poisson", NoiseModel::kPoisson}};
 constexpr Choice<DepthChoice> kDepths[] = {{"same", DepthChoice::kSame},
                                            {"8", DepthChoice::k8},
                                            {"16", DepthChoice::k16},
@@ -100,7 +102,7 @@ const char* NameOf(T value, const Choice<T> (&choices)[N]) {
 // The option strings as typed; empty when not given.
 struct RawOptions {
   std::string kernel, kernelOut, output, format, noise, boundary, margins, origin, threads, jobs,
-      depth, jpegQuality, colorspace;
+      depth, jpegQuality, colorspace, mask, noiseModel, offset;
   bool refine = false, quiet = false, verbose = false, progress = false, skipExisting = false;
   std::vector<std::string> inputs;
 };
@@ -121,6 +123,9 @@ void DefineOptions(CLI::App& app, RawOptions& raw) {
   app.add_option("-m,--margins", raw.margins);
   app.add_option("--kernel-origin", raw.origin);
   app.add_option("--colorspace", raw.colorspace);
+  app.add_option("--noise-model", raw.noiseModel);
+  app.add_option("--offset", raw.offset);
+  app.add_option("--mask", raw.mask);
   app.add_flag("-r,--refine-kernel", raw.refine);
   app.add_option("-t,--threads", raw.threads);
   app.add_option("-j,--jobs", raw.jobs);
@@ -204,6 +209,16 @@ DeblurSettings Check(const RawOptions& raw, const CLI::App& app) {
                                 : ParseChoice("--kernel-origin", raw.origin, kOrigins);
   }
   if (was("--colorspace")) s.colorspace = ParseChoice("--colorspace", raw.colorspace, kColorspaces);
+  if (was("--noise-model"))
+    s.engine.noiseModel = ParseChoice("--noise-model", raw.noiseModel, kNoiseModels);
+  if (was("--offset") && raw.offset != "auto") {
+    if (raw.offset.empty()) Refuse("--offset", "give auto or a number");
+    s.engine.offset = ParseNonNegative("--offset", raw.offset);
+  }
+  if (was("--mask")) {
+    if (raw.mask.empty()) Refuse("--mask", "the file name is empty");
+    s.maskPath = raw.mask;
+  }
   s.engine.refineKernel = raw.refine;
   if (was("--threads")) s.engine.threads = ParseInteger("--threads", raw.threads, 0, 4096);
   if (was("--jobs")) s.jobs = ParseInteger("--jobs", raw.jobs, 1, 4096);
@@ -323,6 +338,18 @@ std::string DeblurHelpText() {
          "                             else sRGB) [" +
          NameOf(s.colorspace, kColorspaces) +
          "]\n"
+         "      --noise-model gaussian|poisson\n"
+         "                             poisson: the samples are photon counts over a camera\n"
+         "                             offset (fluorescence microscopes): each weighed by its\n"
+         "                             photon noise, results non-negative; linear light [" +
+         NameOf(d.noiseModel, kNoiseModels) +
+         "]\n"
+         "      --offset auto|N        the camera's baseline in sample units (poisson);\n"
+         "                             auto: estimated from the darkest samples [auto]\n"
+         "      --mask FILE            weights of the samples, an image of each IMAGE's\n"
+         "                             size: black samples are left out of the fit (dust,\n"
+         "                             dead pixels, text), white ones count fully; grey for\n"
+         "                             every channel or colour channel by channel\n"
          "  -r, --refine-kernel        re-estimate the kernel from a first restoration and\n"
          "                             restore again with it [" +
          (d.refineKernel ? "on" : "off") +

@@ -3,6 +3,7 @@
 // before any file is touched.
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -11,6 +12,8 @@
 #include "marlith/kernels.hpp"
 
 namespace marlith {
+
+struct LoadedImage;
 
 // The sample depth of the results: the input's, or one for every result.
 enum class DepthChoice { kSame, k8, k16, kFloat };
@@ -33,6 +36,11 @@ struct DeblurSettings {
   // --colorspace: how the samples encode light, for every image; empty (auto): what each file
   // says (image/tone_curve.h), which then sets engine.colorspace and engine.toneCurve.
   std::optional<Colorspace> colorspace;
+  // --mask: an image of every input's size whose samples weigh the image's (0: not observed,
+  // 1: as usual; grey for every channel, or colour channel by channel); empty: none.
+  std::string maskPath;
+  // The mask, read once by the run before the images (RestoreImage uses it when set).
+  std::shared_ptr<const LoadedImage> mask;
   DepthChoice depth = DepthChoice::kSame;
   int jpegQuality = 95;
   int jobs = 1;

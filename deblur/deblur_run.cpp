@@ -87,6 +87,9 @@ std::vector<std::string> Describe(const PlannedImage& plan, const RestoredImage&
   if (s.kernelSpec && s.kernelSpec->automatic)
     lines.push_back(name + "Gaussian sigma " + Number(r.estimatedSigma) +
                     " (gaussian:auto, estimated from the image)");
+  if (s.engine.noiseModel == NoiseModel::kPoisson)
+    lines.push_back(name + "photon counts over offset " + Number(r.report.offset) +
+                    (s.engine.offset ? " (given)" : " (estimated)"));
   if (s.engine.noise) {
     lines.push_back(name + "noise strength " + Number(r.report.noiseStrength) + " (given)");
   } else {
@@ -157,6 +160,16 @@ int RunDeblur(const DeblurSettings& s, const std::atomic<int>& interrupt) {
                  Printable(SwapHint(s)).c_str());
     return kExitFailure;
   }
+  // The mask is read once, before any work.
+  DeblurSettings settings = s;
+  if (!s.maskPath.empty()) {
+    try {
+      settings.mask = std::make_shared<const LoadedImage>(ReadImageFile(s.maskPath));
+    } catch (const Error& e) {
+      std::fprintf(stderr, "%s--mask: %s\n", kProgram, Printable(e.what()).c_str());
+      return kExitFailure;
+    }
+  }
   // A kernel the images do not change is written before the run, a failure before any work.
   const bool kernelPerImage = s.engine.refineKernel || (s.kernelSpec && s.kernelSpec->automatic);
   if (!s.kernelOut.empty() && !kernelPerImage) {
@@ -185,11 +198,11 @@ int RunDeblur(const DeblurSettings& s, const std::atomic<int>& interrupt) {
       const PlannedImage& p = plan[static_cast<size_t>(i)];
       std::string error;
       try {
-        const RestoredImage r =
-            RestoreImage(p, kernel, s, threads, [&](std::string_view phase, double fraction) {
-              display.Update(i, p.input, phase, fraction);
-              return interrupt.load() == 0;
-            });
+        const RestoredImage r = RestoreImage(p, kernel, settings, threads,
+                                             [&](std::string_view phase, double fraction) {
+                                               display.Update(i, p.input, phase, fraction);
+                                               return interrupt.load() == 0;
+                                             });
         if (!s.kernelOut.empty() && kernelPerImage)
           WriteKernelFile(s.kernelOut, NormalisedValues(r.kernel), r.kernelWidth, r.kernelHeight);
         ++restored;

@@ -138,13 +138,29 @@ RestoredImage RestoreImage(const PlannedImage& plan, const KernelFile& kernel,
   // Integer files clip at their full scale.
   if (image.depth != SampleDepth::kFloat && !options.clipLevel) options.clipLevel = 1.0;
   // The blur happened in linear light: the samples are linearised through their curve.
-  const ToneCurve curve = settings.colorspace
-                              ? ChosenToneCurve(*settings.colorspace, "--colorspace")
-                              : ImageToneCurve(image);
+  // Photon counts are linear whatever the file says, unless --colorspace says otherwise.
+  const bool counts = options.noiseModel == NoiseModel::kPoisson;
+  const ToneCurve curve = settings.colorspace ? ChosenToneCurve(*settings.colorspace, "--colorspace")
+                          : counts ? ChosenToneCurve(Colorspace::kLinear, "photon counts:")
+                                   : ImageToneCurve(image);
   ApplyToneCurve(curve, options);
   result.light = curve.description;
   if (!curve.warning.empty()) result.warnings.push_back(plan.input + ": " + curve.warning);
   options.threads = threads;
+  if (settings.mask) {
+    const LoadedImage& mask = *settings.mask;
+    if (mask.width != image.width || mask.height != image.height ||
+        mask.colourChannels > image.colourChannels) {
+      throw Error(plan.input + ": the mask " + settings.maskPath + " is " +
+                  std::to_string(mask.width) + " x " + std::to_string(mask.height) +
+                  (mask.colourChannels == 1 ? " grey" : " colour") + ", the image " +
+                  std::to_string(image.width) + " x " + std::to_string(image.height) +
+                  (image.colourChannels == 1 ? " grey" : " colour") +
+                  " (give a grey mask, or a colour one for a colour image, of the image's size)");
+    }
+    options.mask =
+        ConstImageView::Planar(mask.planes.data(), mask.width, mask.height, mask.colourChannels);
+  }
   KernelFile estimated;
   const KernelFile& used = settings.kernelSpec && settings.kernelSpec->automatic
                                ? (estimated = EstimateKernel(plan.input, image, curve, result))
@@ -155,8 +171,15 @@ RestoredImage RestoreImage(const PlannedImage& plan, const KernelFile& kernel,
     phases.Enter(phase);
     return !progress || progress(phase, kReadShare + (1.0 - kReadShare - kWriteShare) * fraction);
   };
+  // Offsets are in the file's sample units; the engine reads the planes on the [0, 1] scale.
+  const double sampleUnits = image.depth == SampleDepth::k8    ? 255.0
+                             : image.depth == SampleDepth::k16 ? 65535.0
+                                                               : 1.0;
+  if (options.offset) *options.offset /= sampleUnits;
   try {
     result.report = Deconvolve(colour, {used.values, used.width, used.height}, colour, options);
+    if (options.noiseModel == NoiseModel::kPoisson) options.offset = result.report.offset;
+    result.report.offset *= sampleUnits;
     // The further pages of a stack, with the first page's options (and noise strength, so that
     // the planes of one stack are restored alike).
     const auto firstProgress = options.progress;
