@@ -1,6 +1,7 @@
 // The C options entry: a thin mapping of the C structs onto the C++ options API, whose header
 // holds the defaults.
 #include <cmath>
+#include <cstddef>
 #include <cstring>
 #include <exception>
 #include <new>
@@ -92,6 +93,9 @@ void marlithDefaultOptions(MarlithOptions* options) {
   options->progress = nullptr;
   options->progressUser = nullptr;
   options->colorspace = static_cast<int32_t>(defaults.colorspace);
+  options->noiseModel = static_cast<int32_t>(defaults.noiseModel);
+  options->offsetAutomatic = defaults.offset ? 0 : 1;
+  options->offset = defaults.offset.value_or(0.0);
 }
 
 int32_t marlithDeconvolveImage(const MarlithImage* input, const MarlithImage* output,
@@ -114,6 +118,8 @@ int32_t marlithDeconvolveImage(const MarlithImage* input, const MarlithImage* ou
     opts.refineKernel = o.refineKernel != 0;
     opts.threads = o.threads;
     opts.colorspace = Choice<marlith::Colorspace>(o.colorspace, 1, "colorspace");
+    opts.noiseModel = Choice<marlith::NoiseModel>(o.noiseModel, 1, "noise model");
+    if (!o.offsetAutomatic) opts.offset = o.offset;
     if (o.progress) {
       opts.progress = [&o](std::string_view phase, double fraction) {
         const std::string name(phase);
@@ -132,8 +138,10 @@ int32_t marlithDeconvolveImage(const MarlithImage* input, const MarlithImage* ou
       full.noiseStrength = r.noiseStrength;
       full.kernelWidth = r.kernelWidth;
       full.kernelHeight = r.kernelHeight;
-      if (report->size == sizeof(MarlithReport) && full.kernel &&
-          full.kernelCapacity >= static_cast<int64_t>(r.kernel.size())) {
+      full.offset = r.offset;
+      // The kernel fields are there in every struct since they were added.
+      if (report->size >= offsetof(MarlithReport, kernelCapacity) + sizeof(int64_t) &&
+          full.kernel && full.kernelCapacity >= static_cast<int64_t>(r.kernel.size())) {
         std::memcpy(full.kernel, r.kernel.data(), r.kernel.size() * sizeof(double));
       }
       std::memcpy(report, &full, report->size);

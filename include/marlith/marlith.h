@@ -62,6 +62,8 @@ typedef struct MarlithImage {
 #define MARLITH_ORIGIN_SUPPORT 1
 #define MARLITH_COLORSPACE_LINEAR 0 /* the samples are proportional to light, or are data */
 #define MARLITH_COLORSPACE_SRGB 1   /* linearised with the sRGB curve, restored, encoded back */
+#define MARLITH_NOISE_GAUSSIAN 0    /* white noise */
+#define MARLITH_NOISE_POISSON 1     /* photon counts over a camera offset, results non-negative */
 
 /* Receives the phase running and the fraction of the run done (0 to 1), at most about 100
  * times a second; a non-zero return cancels the run (MARLITH_CANCELLED). */
@@ -82,6 +84,10 @@ typedef struct MarlithOptions {
   MarlithProgress progress; /* may be NULL (default) */
   void* progressUser;       /* handed to progress */
   int32_t colorspace;       /* how the samples encode light; default MARLITH_COLORSPACE_LINEAR */
+  int32_t noiseModel;       /* default MARLITH_NOISE_GAUSSIAN; MARLITH_NOISE_POISSON needs fast
+                               margins, no kernel refinement and linear samples */
+  int32_t offsetAutomatic;  /* non-zero (default): the camera offset is estimated (Poisson) */
+  double offset;            /* the camera offset in sample units when offsetAutomatic is 0 */
 } MarlithOptions;
 
 /* What a run used. size as in MarlithOptions. When kernel is not NULL and kernelCapacity is at
@@ -95,6 +101,7 @@ typedef struct MarlithReport {
   int32_t kernelHeight;
   double* kernel;         /* set by the caller, or NULL */
   int64_t kernelCapacity; /* values kernel can hold */
+  double offset;          /* MARLITH_NOISE_POISSON: the camera offset used, in sample units */
 } MarlithReport;
 
 /* Fills options with the defaults (size included). */
