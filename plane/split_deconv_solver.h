@@ -46,6 +46,13 @@ struct GradientPrior {
 // two pieces.
 inline double ShrinkGradient(double g, double t, double k, double a, double b, double l) {
   const double magnitude = g < 0 ? -g : g;
+  // Up to l the linear piece always wins (the quadratic piece's candidate is then l, whose energy
+  // exceeds the linear one's by (l - |g| + t k)^2 / 2 or more), and nearly every gradient of an
+  // image lies there: its candidate alone, without the division and the two energies.
+  if (magnitude <= l) {
+    const double p = magnitude - t * k > 0 ? magnitude - t * k : 0;
+    return g < 0 ? -p : p;
+  }
   double p1 = magnitude - t * k;
   p1 = p1 < 0 ? 0 : (p1 > l ? l : p1);
   double p2 = magnitude / (1.0 + 2.0 * t * a);
